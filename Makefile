@@ -1,0 +1,33 @@
+# Thin wrappers around CMake; the build lives in $(BUILD).
+BUILD ?= build
+CMAKE_FLAGS ?=
+TOOL := $(BUILD)/tools/quor-stdlib/quor-stdlib
+
+.PHONY: all deps configure build test run bench stress install format clean
+
+all: build
+
+deps:
+	@bash .ci/install-deps
+
+configure: deps
+	@test -f $(BUILD)/build.ninja || cmake -S . -B $(BUILD) -G Ninja $(CMAKE_FLAGS)
+
+build: configure
+	cmake --build $(BUILD)
+
+# Build, then bring the shipped standard library up to date in the default cache.
+run: build
+	$(TOOL) ensure
+
+test: build
+	ctest --test-dir $(BUILD) --output-on-failure -j2
+
+install: build
+	cmake --install $(BUILD) --prefix $(or $(PREFIX),/usr/local)
+
+format:
+	git ls-files '*.cpp' '*.h' | xargs clang-format -i
+
+clean:
+	rm -rf $(BUILD)

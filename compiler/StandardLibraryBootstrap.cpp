@@ -1,0 +1,666 @@
+// The standard-library bootstrap in one translation unit, in the order its
+// pieces build on each other: the readiness marker, the cache state that
+// checks and publishes it, the first-launch state that says which identity the
+// running compiler expects, the progress adapter, the driver with its build
+// lock, and the pruning of older versions' caches.
+//
+// The unit keeps nothing between calls and starts no thread; everything runs on
+// the caller's thread. File-system work goes through the std::filesystem forms
+// that report into a std::error_code, so that every failure becomes one of the
+// unit's own messages; the lock alone is plain POSIX (open, flock, close).
+
+#include "compiler/StandardLibraryBootstrap.h"
+
+#include "compiler/Compiler.h"
+#include "compiler/Runtime.h"
+#include "compiler/SourceManager.h"
+#include "compiler/StandardLibraryCacheState.h"
+#include "compiler/source/TypeHeader.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <chrono>
+#include <cstdint>
+#include <fstream>
+#include <locale>
+#include <memory>
+#include <sstream>
+#include <stdexcept>
+#include <string_view>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#ifndef QUOR_COMPILER_VERSION
+#error "QUOR_COMPILER_VERSION must come from the build configuration"
+#endif
+#ifndef QUOR_BUILD_TREE_DIR
+#error "QUOR_BUILD_TREE_DIR must come from the build configuration"
+#endif
+
+namespace quor::compiler {
+namespace {
+
+namespace fs = std::filesystem;
+
+// The one compiler version of this build; the first-launch state and pruning
+// both use it, so a cache is never certified for one version and pruned as
+// another.
+constexpr const char* kCompilerVersion = QUOR_COMPILER_VERSION;
+constexpr const char* kBuildTreeDirectory = QUOR_BUILD_TREE_DIR;
+
+// ---------------------------------------------------------------------------
+// Readiness marker
+//
+// Five lines, each ended by a line feed:
+//     QUOR_STANDARD_LIBRARY_CACHE
+//     format=1
+//     version=<compiler version>
+//     abi=<object ABI number>
+//     fingerprint=<library fingerprint>
+// Keys are positional. Values read back are trimmed; expected values are not,
+// so an identity whose text begins or ends with white space never validates.
+
+constexpr const char* kMarkerFileName = ".quor-stdlib-ready";
+constexpr std::string_view kMarkerHeader = "QUOR_STANDARD_LIBRARY_CACHE";
+constexpr int kMarkerFormat = 1;
+constexpr std::size_t kMarkerLineCount = 5;
+
+// Only these four bytes are white space; a vertical tab or a form feed is content.
+constexpr std::string_view kWhiteSpace = " \t\r\n";
+
+std::string trim(std::string text) {
+    const std::size_t first = text.find_first_not_of(kWhiteSpace);
+    if (first == std::string::npos) {
+        return {};
+    }
+    const std::size_t last = text.find_last_not_of(kWhiteSpace);
+    return text.substr(first, last - first + 1);
+}
+
+// The value `line` gives for `key`, or empty when the line does not begin with
+// exactly "key=". A missing key and an empty value read the same.
+std::string markerValue(const std::string& line, const std::string& key) {
+    const std::string prefix = key + "=";
+    if (line.size() < prefix.size() || line.compare(0, prefix.size(), prefix) != 0) {
+        return {};
+    }
+    return trim(line.substr(prefix.size()));
+}
+
+// Reads the first five lines of the marker at `markerPath`; false when the file
+// cannot be opened or ends before the fifth line has a byte or a line feed.
+bool readMarkerLines(const fs::path& markerPath, std::array<std::string, kMarkerLineCount>& lines) {
+    std::ifstream stream(markerPath, std::ios::in);
+    if (!stream) {
+        return false;
+    }
+    for (std::string& line : lines) {
+        if (!std::getline(stream, line)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool markerCertifies(const std::array<std::string, kMarkerLineCount>& lines,
+                     const std::string& version, const std::string& abiVersion,
+                     const std::string& fingerprint) {
+    // The header is compared untrimmed: a carriage return after it (a marker
+    // rewritten with CRLF line ends) makes the whole marker invalid.
+    return lines[0] == kMarkerHeader &&
+           markerValue(lines[1], "format") == std::to_string(kMarkerFormat) &&
+           markerValue(lines[2], "version") == version &&
+           markerValue(lines[3], "abi") == abiVersion &&
+           markerValue(lines[4], "fingerprint") == fingerprint;
+}
+
+// ".tmp." + hash of the calling thread's id + "." + steady-clock ticks: distinct
+// for concurrent writers in one process and across processes that share the
+// cache, because no two of them read the same tick on the same thread hash.
+std::string temporaryMarkerSuffix() {
+    std::ostringstream suffix;
+    suffix.imbue(std::locale::classic());
+    suffix << ".tmp."
+           << static_cast<std::uint64_t>(std::hash<std::thread::id>{}(std::this_thread::get_id()))
+           << "."
+           << static_cast<std::int64_t>(
+                  std::chrono::steady_clock::now().time_since_epoch().count());
+    return suffix.str();
+}
+
+} // namespace
+
+// ---------------------------------------------------------------------------
+// Cache state
+
+StandardLibraryCacheState::StandardLibraryCacheState(fs::path cacheDirectory, std::string version,
+                                                     int abiVersion, std::string fingerprint)
+    : markerPath(std::move(cacheDirectory) / kMarkerFileName), version(std::move(version)),
+      abiVersion(abiVersion), fingerprint(std::move(fingerprint)) {}
+
+bool StandardLibraryCacheState::isReady() const {
+    std::array<std::string, kMarkerLineCount> lines;
+    if (!readMarkerLines(markerPath, lines)) {
+        return false;
+    }
+    return markerCertifies(lines, version, std::to_string(abiVersion), fingerprint);
+}
+
+void StandardLibraryCacheState::markReady() const {
+    const fs::path cacheDirectory = markerPath.parent_path();
+    std::error_code error;
+    fs::create_directories(cacheDirectory, error);
+    if (error) {
+        throw std::runtime_error("Unable to create standard-library cache directory '" +
+                                 cacheDirectory.native() + "': " + error.message());
+    }
+
+    // A sibling of the marker, so that the rename below stays inside one
+    // directory and replaces the marker atomically.
+    const std::string temporaryPath = markerPath.native() + temporaryMarkerSuffix();
+    {
+        std::ofstream stream(temporaryPath, std::ios::out | std::ios::trunc);
+        if (!stream) {
+            throw std::runtime_error("Unable to write standard-library cache marker '" +
+                                     temporaryPath + "'");
+        }
+        // The global locale may group digits; the marker's numbers never are.
+        stream.imbue(std::locale::classic());
+        stream << kMarkerHeader << '\n'
+               << "format=" << kMarkerFormat << '\n'
+               << "version=" << version << '\n'
+               << "abi=" << abiVersion << '\n'
+               << "fingerprint=" << fingerprint << '\n';
+        stream.flush();
+        if (!stream) {
+            std::error_code ignored;
+            fs::remove(temporaryPath, ignored); // the flush error is the one worth reporting
+            throw std::runtime_error("Unable to flush standard-library cache marker '" +
+                                     temporaryPath + "'");
+        }
+    } // closing cannot lose data that the flush above did not already report
+
+    // The objects the marker certifies were synced by the precompiler before it
+    // returned. The marker itself is not synced: if a power loss takes it, the
+    // cache reads as not ready and is built again, which is safe.
+    fs::rename(temporaryPath, markerPath, error);
+    if (error) {
+        std::error_code ignored;
+        fs::remove(temporaryPath, ignored); // the rename error is the one worth reporting
+        throw std::runtime_error("Unable to publish standard-library cache marker: " +
+                                 error.message());
+    }
+}
+
+namespace {
+
+// ---------------------------------------------------------------------------
+// First-launch state
+//
+// Where the running compiler's readiness marker lives, and which identity it
+// must carry: <cache root>/.first-launch/<version>/<lib-cache leaf>, with the
+// compiler version, the object ABI and the library's fingerprint. The
+// fingerprint comes from the installed library, else from the build tree, else
+// from a fallback that can never look like a real fingerprint.
+
+constexpr const char* kInstalledFingerprintFile = ".quor-stdlib-fingerprint";
+constexpr const char* kGeneratedDirectory = "generated";
+constexpr const char* kBuildTreeFingerprintFile = "quor-stdlib.fingerprint";
+constexpr const char* kFirstLaunchDirectory = ".first-launch";
+constexpr std::size_t kFingerprintLength = 64;
+
+bool isHexDigit(char c) {
+    return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'F') || (c >= 'a' && c <= 'f');
+}
+
+// The lower-case fingerprint on the first line of `file`, or empty when the
+// file is missing, unreadable or does not hold exactly 64 hexadecimal digits.
+std::string readFingerprintFile(const fs::path& file) {
+    std::ifstream stream(file, std::ios::in);
+    if (!stream) {
+        return {};
+    }
+    std::string line;
+    if (!std::getline(stream, line)) {
+        return {};
+    }
+    line = trim(std::move(line));
+    if (line.size() != kFingerprintLength || !std::all_of(line.begin(), line.end(), isHexDigit)) {
+        return {};
+    }
+    for (char& c : line) {
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    }
+    return line;
+}
+
+std::string fallbackFingerprint() {
+    return std::string("version-") + kCompilerVersion + "-abi-" +
+           std::to_string(Compiler::objectAbiVersion());
+}
+
+// Computed afresh on every call, so that an installed, repaired or changed
+// fingerprint file takes effect at once. Opens at most two files and touches
+// nothing else on disk.
+StandardLibraryCacheState currentFirstLaunchState() {
+    const fs::path libraryDirectory(Runtime::getInstance().getStandardLibraryPath());
+    std::string fingerprint = readFingerprintFile(libraryDirectory / kInstalledFingerprintFile);
+    if (fingerprint.empty()) {
+        fingerprint = readFingerprintFile(fs::path(kBuildTreeDirectory) / kGeneratedDirectory /
+                                          kBuildTreeFingerprintFile);
+    }
+    if (fingerprint.empty()) {
+        fingerprint = fallbackFingerprint();
+    }
+    const int abiVersion = Compiler::objectAbiVersion();
+    const std::string version = kCompilerVersion;
+    const fs::path cacheRoot = fs::path(Runtime::getInstance().getCacheBranchPath()).parent_path();
+    const fs::path libCacheLeaf = fs::path(Runtime::getInstance().getLibCachePath()).filename();
+    fs::path stateDirectory = cacheRoot / kFirstLaunchDirectory / version / libCacheLeaf;
+    return StandardLibraryCacheState(std::move(stateDirectory), version, abiVersion,
+                                     std::move(fingerprint));
+}
+
+// ---------------------------------------------------------------------------
+// Progress
+
+// The short label of a unit: its folder below the library root, dotted
+// ("collections/immutable/List.qr" gives "collections.immutable"). A unit that
+// does not lie below the root is labelled with the folder that holds it.
+std::string displayNameOf(const std::string& sourcePath, const fs::path& root) {
+    const fs::path unit(sourcePath);
+    const fs::path relative = unit.lexically_relative(root);
+    const std::string& text = relative.native();
+    if (relative.empty() || relative == fs::path(".") ||
+        (text.size() >= 2 && text.compare(0, 2, "..") == 0)) {
+        return unit.parent_path().filename().string();
+    }
+    std::string name;
+    bool first = true;
+    for (const fs::path& element : relative.parent_path()) {
+        if (!first) {
+            name += '.';
+        }
+        name += element.native();
+        first = false;
+    }
+    return name;
+}
+
+// Turns the precompiler's per-unit progress into the caller's Compiling
+// reports, and keeps the last counts in ensure()'s result even when the caller
+// wants no reports. Holds references into ensure()'s frame and owns nothing.
+class CompilationProgressAdapter {
+public:
+    CompilationProgressAdapter(StandardLibraryBootstrapResult& result,
+                               const StandardLibraryBootstrapCallback& callback,
+                               const fs::path& root)
+        : result_(&result), callback_(&callback), root_(&root) {}
+
+    void operator()(const Compiler::CompilationProgress& progress) const {
+        result_->completed = progress.completed;
+        result_->total = progress.total;
+        if (!*callback_) {
+            return;
+        }
+        StandardLibraryBootstrapProgress report;
+        report.stage = StandardLibraryBootstrapStage::Compiling;
+        report.completed = progress.completed;
+        report.total = progress.total;
+        report.sourcePath = progress.sourcePath;
+        report.displayName = displayNameOf(progress.sourcePath, *root_);
+        (*callback_)(report);
+    }
+
+private:
+    StandardLibraryBootstrapResult* result_;
+    const StandardLibraryBootstrapCallback* callback_;
+    const fs::path* root_;
+};
+
+void report(const StandardLibraryBootstrapCallback& callback, StandardLibraryBootstrapStage stage,
+            std::size_t completed, std::size_t total) {
+    if (!callback) {
+        return;
+    }
+    StandardLibraryBootstrapProgress progress;
+    progress.stage = stage;
+    progress.completed = completed;
+    progress.total = total;
+    callback(progress);
+}
+
+// ---------------------------------------------------------------------------
+// Driver
+
+constexpr const char* kSourceExtension = ".qr";
+
+// The build lock: an exclusive flock on a file beside the state directory,
+// held for one whole build. The file is never deleted, so every process locks
+// the same inode. A process that dies holding the lock releases it with its
+// descriptors; nobody has to clean up after a crash.
+struct BootstrapLock {
+    fs::path path;
+    int fd = -1;
+
+    explicit BootstrapLock(fs::path lockPath) : path(std::move(lockPath)) {}
+    BootstrapLock(const BootstrapLock&) = delete;
+    BootstrapLock& operator=(const BootstrapLock&) = delete;
+
+    ~BootstrapLock() {
+        if (fd >= 0) {
+            ::flock(fd, LOCK_UN); // closing releases the lock anyway
+            ::close(fd);          // nothing was written through this descriptor
+        }
+    }
+};
+
+std::runtime_error lockError(const fs::path& lockPath) {
+    return std::runtime_error("Unable to lock Quor standard-library cache '" + lockPath.native() +
+                              "'");
+}
+
+// Blocks until this open file description holds the lock. The descriptor is
+// opened without close-on-exec on purpose: a child started during the build
+// inherits it and keeps the build serialised until it exits. An interrupted
+// wait is not retried; it fails like any other.
+void acquire(BootstrapLock& lock) {
+    lock.fd = ::open(lock.path.c_str(), O_RDWR | O_CREAT, 0600);
+    if (lock.fd < 0) {
+        lock.fd = -1;
+        throw lockError(lock.path);
+    }
+    if (::flock(lock.fd, LOCK_EX) != 0) {
+        ::close(lock.fd); // never locked, so there is nothing to unlock
+        lock.fd = -1;
+        throw lockError(lock.path);
+    }
+}
+
+std::runtime_error enumerationError(const fs::path& root, const std::error_code& error) {
+    return std::runtime_error("Unable to enumerate Quor standard library '" + root.native() +
+                              "': " + error.message());
+}
+
+// A unit stays out of the precompiled library only when its own type header
+// (the first header line naming the file's stem) declares generic parameters:
+// generic types are instantiated where they are used. A file whose text cannot
+// be had is still handed to the compiler, which then reports the problem.
+bool isExcludedByHeader(const fs::path& file) {
+    const std::shared_ptr<const std::string> text = SourceManager::instance().contents(file);
+    if (!text) {
+        return false;
+    }
+    const std::string stem = file.stem().string();
+    std::string_view rest(*text);
+    while (!rest.empty()) {
+        const std::size_t newline = rest.find('\n');
+        const std::string_view line = rest.substr(0, newline);
+        rest.remove_prefix(newline == std::string_view::npos ? rest.size() : newline + 1);
+        source::TypeHeader header;
+        if (source::parseTypeHeader(line, header) && header.typeName == stem) {
+            return !header.text3.empty();
+        }
+    }
+    return false;
+}
+
+// Regular ".qr" files reached without following a symbolic link. Trouble with a
+// single entry only skips it; trouble with the walk itself is an error.
+bool isCompilableUnit(const fs::directory_entry& entry) {
+    std::error_code error;
+    const fs::file_status ownStatus = entry.symlink_status(error);
+    if (error || fs::is_symlink(ownStatus) || ownStatus.type() != fs::file_type::regular) {
+        return false;
+    }
+    if (entry.path().extension() != fs::path(kSourceExtension)) {
+        return false;
+    }
+    return !isExcludedByHeader(entry.path());
+}
+
+std::vector<std::string> collectSourceUnits(const fs::path& root) {
+    std::vector<std::string> sources;
+    std::error_code error;
+    fs::recursive_directory_iterator entries(root, fs::directory_options::skip_permission_denied,
+                                             error);
+    if (error) {
+        throw enumerationError(root, error);
+    }
+    const fs::recursive_directory_iterator end;
+    while (entries != end) {
+        if (isCompilableUnit(*entries)) {
+            sources.push_back(entries->path().lexically_normal().string());
+        }
+        entries.increment(error);
+        if (error) {
+            throw enumerationError(root, error);
+        }
+    }
+    return sources;
+}
+
+// ---------------------------------------------------------------------------
+// Pruning
+
+using Version = std::array<unsigned long long, 3>;
+
+// Exactly three non-empty runs of ASCII digits separated by single dots, each
+// fitting in 64 bits. Leading zeros are allowed. On failure `out` may already
+// hold the components read before it.
+bool parseVersion(const std::string& text, Version& out) {
+    std::size_t position = 0;
+    for (std::size_t component = 0; component < out.size(); ++component) {
+        std::size_t end = text.size();
+        if (component + 1 < out.size()) {
+            if (position >= text.size()) {
+                return false;
+            }
+            end = text.find('.', position);
+            if (end == std::string::npos) {
+                return false;
+            }
+        }
+        const std::string_view digits = std::string_view(text).substr(position, end - position);
+        if (digits.empty() || !std::all_of(digits.begin(), digits.end(),
+                                           [](char c) { return c >= '0' && c <= '9'; })) {
+            return false;
+        }
+        unsigned long long value = 0;
+        const auto [next, error] =
+            std::from_chars(digits.data(), digits.data() + digits.size(), value);
+        if (error != std::errc() || next != digits.data() + digits.size()) {
+            return false; // too large for 64 bits
+        }
+        out[component] = value;
+        position = end + 1;
+    }
+    return true;
+}
+
+bool isMissing(const std::error_code& error, const fs::file_status& status) {
+    return error == std::errc::no_such_file_or_directory || !fs::exists(status);
+}
+
+std::runtime_error versionListingError(const fs::path& cacheRoot, const std::error_code& error) {
+    return std::runtime_error("Unable to inspect Quor cache versions in '" + cacheRoot.native() +
+                              "': " + error.message());
+}
+
+// A child is an older version only when it is a real directory (a link to one
+// does not count) named as an exact version below `current`.
+bool isOlderVersionDirectory(const fs::directory_entry& child, const Version& current) {
+    std::error_code error;
+    const fs::file_status status = child.symlink_status(error);
+    if (error || status.type() != fs::file_type::directory) {
+        return false;
+    }
+    Version version{};
+    return parseVersion(child.path().filename().string(), version) && version < current;
+}
+
+fs::path defaultCacheRoot() {
+    return fs::path(Runtime::getInstance().getCacheBranchPath()).parent_path();
+}
+
+} // namespace
+
+// ---------------------------------------------------------------------------
+// Entry points
+
+bool StandardLibraryBootstrap::isRequired() {
+    const fs::path root(Runtime::getInstance().getStandardLibraryPath());
+    std::error_code error;
+    const fs::file_status status = fs::status(root, error);
+    if (error || status.type() != fs::file_type::directory) {
+        return false; // without a library tree there is nothing to build
+    }
+    return !currentFirstLaunchState().isReady();
+}
+
+StandardLibraryBootstrapResult
+StandardLibraryBootstrap::ensure(const StandardLibraryBootstrapCallback& progress) {
+    StandardLibraryBootstrapResult result;
+    StandardLibraryCacheState state = currentFirstLaunchState();
+    if (state.isReady()) {
+        return result;
+    }
+
+    const fs::path stateDirectory = state.getMarkerPath().parent_path();
+    const fs::path lockDirectory = stateDirectory.parent_path();
+    std::error_code error;
+    fs::create_directories(lockDirectory, error);
+    if (error) {
+        throw std::runtime_error("Unable to create Quor cache root '" + lockDirectory.native() +
+                                 "': " + error.message());
+    }
+    BootstrapLock lock(lockDirectory /
+                       (".stdlib-bootstrap-" + stateDirectory.filename().string() + ".lock"));
+    acquire(lock);
+
+    // Only this second look, under the lock, decides: another process may have
+    // finished the build while this one waited.
+    state = currentFirstLaunchState();
+    if (state.isReady()) {
+        return result;
+    }
+    report(progress, StandardLibraryBootstrapStage::Preparing, 0, 0);
+
+    Compiler::ensureObjectAbiCacheCurrent();
+    const fs::path root(Runtime::getInstance().getStandardLibraryPath());
+    std::vector<std::string> sources = collectSourceUnits(root);
+    // Bytewise order, so that "/std/a.qr" comes before "/std/a/b.qr" on every
+    // machine, whatever order the directory listing gave.
+    std::sort(sources.begin(), sources.end());
+    if (sources.empty()) {
+        throw std::runtime_error("Quor standard library contains no compilable source units: " +
+                                 root.native());
+    }
+
+    result.bootstrapped = true;
+    {
+        const std::function<void(const Compiler::CompilationProgress&)> onProgress =
+            CompilationProgressAdapter(result, progress, root);
+        Compiler::precompileSources(sources, std::shared_ptr<Context>(), onProgress);
+    }
+
+    // The marker describes the situation after the build: a fingerprint file
+    // that changed meanwhile is certified as it is now.
+    state = currentFirstLaunchState();
+    state.markReady();
+    report(progress, StandardLibraryBootstrapStage::Finished, result.total, result.total);
+    return result;
+}
+
+std::vector<fs::path>
+StandardLibraryBootstrap::olderCacheVersions(const fs::path& cacheRoot,
+                                             const std::string& currentVersion) {
+    Version current{};
+    if (!parseVersion(currentVersion, current)) {
+        return {};
+    }
+    std::error_code error;
+    const fs::file_status rootStatus = fs::symlink_status(cacheRoot, error);
+    if (isMissing(error, rootStatus)) {
+        return {};
+    }
+    if (error) {
+        throw std::runtime_error("Unable to inspect Quor cache root '" + cacheRoot.native() +
+                                 "': " + error.message());
+    }
+    if (rootStatus.type() != fs::file_type::directory) {
+        return {}; // a link to a cache root is not followed either
+    }
+
+    std::vector<fs::path> versions;
+    fs::directory_iterator children(cacheRoot, fs::directory_options::skip_permission_denied,
+                                    error);
+    if (error) {
+        throw versionListingError(cacheRoot, error);
+    }
+    const fs::directory_iterator end;
+    while (children != end) {
+        if (isOlderVersionDirectory(*children, current)) {
+            versions.push_back(children->path().lexically_normal());
+        }
+        children.increment(error);
+        if (error) {
+            throw versionListingError(cacheRoot, error);
+        }
+    }
+    // Path order, not version order ("0.10.0" before "0.9.0"): it fixes the
+    // order in which removal deletes.
+    std::sort(versions.begin(), versions.end());
+    return versions;
+}
+
+std::vector<fs::path> StandardLibraryBootstrap::olderCacheVersions() {
+    return olderCacheVersions(defaultCacheRoot(), kCompilerVersion);
+}
+
+std::size_t StandardLibraryBootstrap::removeOlderCacheVersions(const fs::path& cacheRoot,
+                                                               const std::string& currentVersion) {
+    const fs::path root = cacheRoot.lexically_normal();
+    const std::vector<fs::path> candidates = olderCacheVersions(cacheRoot, currentVersion);
+    std::size_t removed = 0;
+    for (const fs::path& candidate : candidates) {
+        const fs::path target = candidate.lexically_normal();
+        std::error_code error;
+        const fs::file_status status = fs::symlink_status(target, error);
+        if (isMissing(error, status)) {
+            continue; // gone since the listing; its first-launch state is not ours to touch
+        }
+        // Tested again just before deleting: the tree may have changed since the
+        // listing, and a link or a path outside the root is never deleted.
+        if (error || target.parent_path().compare(root) != 0 ||
+            status.type() != fs::file_type::directory) {
+            throw std::runtime_error("Refusing to remove unsafe Quor cache path '" +
+                                     target.native() + "'");
+        }
+        fs::remove_all(target, error);
+        if (error) {
+            throw std::runtime_error("Unable to remove old Quor cache '" + candidate.native() +
+                                     "': " + error.message());
+        }
+        const fs::path state = root / kFirstLaunchDirectory / target.filename();
+        fs::remove_all(state, error);
+        if (error && error != std::errc::no_such_file_or_directory) {
+            throw std::runtime_error("Unable to remove old Quor first-launch state '" +
+                                     state.native() + "': " + error.message());
+        }
+        ++removed;
+    }
+    return removed;
+}
+
+std::size_t StandardLibraryBootstrap::removeOlderCacheVersions() {
+    return removeOlderCacheVersions(defaultCacheRoot(), kCompilerVersion);
+}
+
+} // namespace quor::compiler
