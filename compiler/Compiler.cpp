@@ -1,0 +1,367 @@
+// The batch precompiler and the library cache's object-ABI record.
+//
+// precompileSources() checks every unit against the library root first, then
+// runs the front end (compiler/UnitCompiler.h) on a pool of worker threads.
+// Workers publish each object by writing a temporary file beside it and
+// renaming it into place; the calling thread hands out progress reports as
+// workers finish, and a single syncfs() at the end makes the whole batch
+// durable, which is far cheaper than one fsync per object.
+
+#include "compiler/Compiler.h"
+
+#include "compiler/Runtime.h"
+#include "compiler/SourceManager.h"
+#include "compiler/Tokenizer.h"
+#include "compiler/UnitCompiler.h"
+
+#include <atomic>
+#include <cerrno>
+#include <condition_variable>
+#include <cstring>
+#include <deque>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <set>
+#include <stdexcept>
+#include <system_error>
+#include <thread>
+#include <unistd.h>
+
+namespace quor::compiler {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// Raise it whenever docs/object-format.md changes: a cache written for another
+// value is cleared by ensureObjectAbiCacheCurrent().
+constexpr int objectAbi = 1;
+
+// The file in the library cache that names the ABI its objects were written for.
+constexpr const char* abiRecordName = ".quor-object-abi";
+
+std::string systemMessage(int error) {
+    return std::generic_category().message(error);
+}
+
+// A name for a temporary file that no other thread or process of this machine
+// picks at the same time.
+std::string temporarySuffix() {
+    static std::atomic<unsigned long> counter{0};
+    return ".tmp." + std::to_string(::getpid()) + "." + std::to_string(++counter);
+}
+
+// Writes `data` to `path` through a temporary sibling and a rename. Returns 0,
+// or the errno of the step that failed, in which case no temporary file remains.
+int writeFileAtomically(const fs::path& path, std::string_view data) {
+    fs::path temporary = path.parent_path() / ("." + path.filename().native() + temporarySuffix());
+    int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        return errno;
+    }
+    int error = 0;
+    std::size_t written = 0;
+    while (written < data.size()) {
+        ssize_t count = ::write(fd, data.data() + written, data.size() - written);
+        if (count < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            error = errno;
+            break;
+        }
+        written += static_cast<std::size_t>(count);
+    }
+    if (::close(fd) != 0 && error == 0) {
+        error = errno;
+    }
+    if (error == 0 && ::rename(temporary.c_str(), path.c_str()) != 0) {
+        error = errno;
+    }
+    if (error != 0) {
+        ::unlink(temporary.c_str()); // best effort: the error being reported is the first one
+    }
+    return error;
+}
+
+std::string readAbiRecord(const fs::path& path) {
+    std::ifstream in(path);
+    std::string value;
+    in >> value;
+    return value;
+}
+
+// One unit of a batch: the path as the caller named it, the path below the
+// library root that the object records, and where the object goes.
+struct Unit {
+    std::string source;
+    std::string unitPath;
+    fs::path object;
+};
+
+std::vector<Unit> planUnits(const std::vector<std::string>& sources) {
+    const Runtime& runtime = Runtime::getInstance();
+    std::error_code error;
+    fs::path root = fs::absolute(runtime.getStandardLibraryPath(), error).lexically_normal();
+    if (error) {
+        root = fs::path(runtime.getStandardLibraryPath()).lexically_normal();
+    }
+    fs::path lib = runtime.getLibCachePath();
+    std::vector<Unit> units;
+    units.reserve(sources.size());
+    for (const std::string& source : sources) {
+        fs::path absolute = fs::absolute(source, error).lexically_normal();
+        if (error) {
+            absolute = fs::path(source).lexically_normal();
+        }
+        fs::path relative = absolute.lexically_relative(root);
+        if (relative.empty() || *relative.begin() == ".." || *relative.begin() == "." ||
+            !absolute.has_filename()) {
+            throw std::runtime_error(source + ":1:1: the unit lies outside the standard library '" +
+                                     root.native() + "'");
+        }
+        if (relative.extension() != ".qr") {
+            throw std::runtime_error(source +
+                                     ":1:1: not a Quor source unit (its name must end in .qr)");
+        }
+        fs::path object = lib / relative;
+        object.replace_extension(".qo");
+        units.push_back({source, relative.generic_string(), object});
+    }
+    return units;
+}
+
+// Compiles one unit and publishes its object. Every failure is thrown as a
+// std::runtime_error whose message starts with "path:line:column: ".
+void compileOne(const Unit& unit) {
+    std::shared_ptr<const std::string> text = SourceManager::instance().contents(unit.source);
+    if (!text) {
+        throw std::runtime_error(unit.source + ":1:1: unable to read the unit");
+    }
+    std::string object;
+    try {
+        object = compileUnit(*text, unit.unitPath, objectAbi);
+    } catch (const SourceError& error) {
+        throw std::runtime_error(unit.source + ":" + std::to_string(error.line()) + ":" +
+                                 std::to_string(error.column()) + ": " + error.what());
+    }
+    if (int error = writeFileAtomically(unit.object, object); error != 0) {
+        throw std::runtime_error(unit.source + ":1:1: unable to write its object '" +
+                                 unit.object.native() + "': " + systemMessage(error));
+    }
+}
+
+// What a worker tells the calling thread: unit `index` is done, or failed with
+// `failure`.
+struct Event {
+    std::size_t index = 0;
+    bool failed = false;
+    std::string failure;
+};
+
+// The state the workers share with the calling thread.
+struct Batch {
+    const std::vector<Unit>& units;
+    std::atomic<std::size_t> next{0};
+    std::atomic<bool> stop{false};
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::deque<Event> events;
+    std::size_t running = 0; // workers that have not exited; guarded by mutex
+
+    explicit Batch(const std::vector<Unit>& batchUnits) : units(batchUnits) {}
+
+    void post(Event event) {
+        std::lock_guard lock(mutex);
+        events.push_back(std::move(event));
+        changed.notify_one();
+    }
+
+    void work() {
+        while (!stop.load()) {
+            std::size_t index = next.fetch_add(1);
+            if (index >= units.size()) {
+                break;
+            }
+            Event event;
+            event.index = index;
+            try {
+                compileOne(units[index]);
+            } catch (const std::exception& error) {
+                event.failed = true;
+                event.failure = error.what();
+            } catch (...) {
+                event.failed = true;
+                event.failure = units[index].source + ":1:1: unknown failure";
+            }
+            if (event.failed) {
+                stop.store(true);
+            }
+            post(std::move(event));
+        }
+        std::lock_guard lock(mutex);
+        --running;
+        changed.notify_one();
+    }
+};
+
+// Owns the worker threads: however the calling thread leaves, the workers are
+// told to stop and are joined before the shared state goes away.
+class WorkerPool {
+public:
+    WorkerPool(Batch& batch, std::size_t count) : batch_(batch) {
+        threads_.reserve(count);
+        for (std::size_t i = 0; i < count; ++i) {
+            {
+                std::lock_guard lock(batch.mutex);
+                ++batch.running;
+            }
+            try {
+                threads_.emplace_back([&batch] { batch.work(); });
+            } catch (...) {
+                std::lock_guard lock(batch.mutex);
+                --batch.running;
+                throw;
+            }
+        }
+    }
+    ~WorkerPool() {
+        batch_.stop.store(true);
+        for (std::thread& thread : threads_) {
+            thread.join();
+        }
+    }
+    WorkerPool(const WorkerPool&) = delete;
+    WorkerPool& operator=(const WorkerPool&) = delete;
+
+private:
+    Batch& batch_;
+    std::vector<std::thread> threads_;
+};
+
+void syncLibraryCache(const std::string& lib) {
+    int fd = ::open(lib.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) {
+        throw std::runtime_error("Unable to sync Quor library cache '" + lib +
+                                 "': " + systemMessage(errno));
+    }
+    int error = ::syncfs(fd) == 0 ? 0 : errno;
+    ::close(fd); // read-only directory descriptor: nothing to lose on close
+    if (error != 0) {
+        throw std::runtime_error("Unable to sync Quor library cache '" + lib +
+                                 "': " + systemMessage(error));
+    }
+}
+
+} // namespace
+
+int Compiler::objectAbiVersion() {
+    return objectAbi;
+}
+
+void Compiler::ensureObjectAbiCacheCurrent() {
+    const fs::path lib = Runtime::getInstance().getLibCachePath();
+    std::error_code error;
+    fs::create_directories(lib, error);
+    if (error) {
+        throw std::runtime_error("Unable to create Quor library cache '" + lib.native() +
+                                 "': " + error.message());
+    }
+    const fs::path record = lib / abiRecordName;
+    const std::string current = std::to_string(objectAbi);
+    if (readAbiRecord(record) == current) {
+        return;
+    }
+
+    // Everything in the library cache was written by the precompiler for the
+    // recorded ABI (or for none, when the record is missing), so all of it goes.
+    // remove_all() deletes a symbolic link itself, never what it points to.
+    fs::directory_iterator entries(lib, error);
+    if (error) {
+        throw std::runtime_error("Unable to inspect Quor library cache '" + lib.native() +
+                                 "': " + error.message());
+    }
+    for (; entries != fs::directory_iterator(); entries.increment(error)) {
+        if (entries->path().filename() == abiRecordName) {
+            continue;
+        }
+        fs::remove_all(entries->path(), error);
+        if (error) {
+            throw std::runtime_error("Unable to remove stale Quor object '" +
+                                     entries->path().native() + "': " + error.message());
+        }
+    }
+    if (error) {
+        throw std::runtime_error("Unable to inspect Quor library cache '" + lib.native() +
+                                 "': " + error.message());
+    }
+
+    if (int failure = writeFileAtomically(record, current + "\n"); failure != 0) {
+        throw std::runtime_error("Unable to record Quor object ABI '" + record.native() +
+                                 "': " + systemMessage(failure));
+    }
+}
+
+void Compiler::precompileSources(
+    const std::vector<std::string>& sources, std::shared_ptr<Context> context,
+    const std::function<void(const CompilationProgress&)>& onProgress) {
+    // The front end keeps no state across units yet, so the context is unused.
+    (void)context;
+    if (sources.empty()) {
+        return;
+    }
+    const std::vector<Unit> units = planUnits(sources);
+    const std::string& lib = Runtime::getInstance().getLibCachePath();
+
+    std::set<fs::path> directories;
+    for (const Unit& unit : units) {
+        directories.insert(unit.object.parent_path());
+    }
+    for (const fs::path& directory : directories) {
+        std::error_code error;
+        fs::create_directories(directory, error);
+        if (error) {
+            throw std::runtime_error("Unable to create Quor library cache directory '" +
+                                     directory.native() + "': " + error.message());
+        }
+    }
+
+    Batch batch(units);
+    std::size_t workers = std::min<std::size_t>(Runtime::getInstance().getJobCount(), units.size());
+    {
+        WorkerPool pool(batch, std::max<std::size_t>(workers, 1));
+        std::size_t completed = 0;
+        while (completed < units.size()) {
+            std::unique_lock lock(batch.mutex);
+            batch.changed.wait(lock, [&] { return !batch.events.empty() || batch.running == 0; });
+            if (batch.events.empty()) {
+                // Every worker exited without reporting the rest: cannot happen
+                // unless a worker was stopped, which only a failure does.
+                break;
+            }
+            Event event = std::move(batch.events.front());
+            batch.events.pop_front();
+            lock.unlock();
+            if (event.failed) {
+                batch.stop.store(true);
+                throw std::runtime_error(event.failure);
+            }
+            ++completed;
+            if (onProgress) {
+                CompilationProgress progress;
+                progress.completed = completed;
+                progress.total = units.size();
+                progress.sourcePath = units[event.index].source;
+                onProgress(progress);
+            }
+        }
+        if (completed < units.size()) {
+            throw std::runtime_error("Quor precompiler workers stopped before finishing");
+        }
+    }
+    syncLibraryCache(lib);
+}
+
+} // namespace quor::compiler

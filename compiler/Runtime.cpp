@@ -1,0 +1,164 @@
+// The runtime's settings resolution: configure() first, then the environment,
+// then the defaults of the installation. Every path is resolved once, when the
+// runtime is created and on each configure(), so that the getters can hand out
+// references to stable strings.
+
+#include "compiler/Runtime.h"
+
+#include <charconv>
+#include <cstdlib>
+#include <filesystem>
+#include <pwd.h>
+#include <system_error>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace quor::compiler {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// A set, non-empty environment variable, or an empty string.
+std::string environment(const char* name) {
+    const char* value = std::getenv(name);
+    return value == nullptr ? std::string() : std::string(value);
+}
+
+// The directory of the running program, or an empty path when the kernel does
+// not tell (no /proc, for instance).
+fs::path executableDirectory() {
+    std::error_code error;
+    fs::path executable = fs::read_symlink("/proc/self/exe", error);
+    if (error || executable.empty()) {
+        return {};
+    }
+    return executable.parent_path();
+}
+
+std::string defaultStandardLibraryPath() {
+    // An installed compiler lives in <prefix>/bin and its library in
+    // <prefix>/share/quor/stdlib; a program run from the build tree has no such
+    // directory beside it and falls back to the sources it was built from.
+    fs::path directory = executableDirectory();
+    if (!directory.empty()) {
+        fs::path installed = (directory / ".." / "share" / "quor" / "stdlib").lexically_normal();
+        std::error_code error; // a directory that cannot be examined is not installed
+        if (fs::is_directory(installed, error)) {
+            return installed.native();
+        }
+    }
+    return (fs::path(QUOR_SOURCE_DIR) / "stdlib").lexically_normal().native();
+}
+
+std::string homeDirectory() {
+    std::string home = environment("HOME");
+    if (!home.empty()) {
+        return home;
+    }
+    // A service started without HOME still has a password-database entry.
+    long size = sysconf(_SC_GETPW_R_SIZE_MAX);
+    std::vector<char> buffer(size > 0 ? static_cast<std::size_t>(size) : 16384);
+    passwd entry{};
+    passwd* found = nullptr;
+    if (getpwuid_r(getuid(), &entry, buffer.data(), buffer.size(), &found) == 0 &&
+        found != nullptr && found->pw_dir != nullptr) {
+        return found->pw_dir;
+    }
+    return {};
+}
+
+std::string defaultCacheRoot() {
+    // The base-directory convention ignores relative values of XDG_CACHE_HOME.
+    std::string xdg = environment("XDG_CACHE_HOME");
+    if (!xdg.empty() && fs::path(xdg).is_absolute()) {
+        return (fs::path(xdg) / "quor").native();
+    }
+    std::string home = homeDirectory();
+    if (!home.empty()) {
+        return (fs::path(home) / ".cache" / "quor").native();
+    }
+    std::error_code error;
+    fs::path temporary = fs::temp_directory_path(error);
+    if (error) {
+        temporary = "/tmp";
+    }
+    return (temporary / ("quor-cache-" + std::to_string(getuid()))).native();
+}
+
+// A positive decimal job count, or 0 when `text` is not one.
+unsigned parseJobs(const std::string& text) {
+    unsigned value = 0;
+    const char* end = text.data() + text.size();
+    auto [stop, error] = std::from_chars(text.data(), end, value);
+    if (error != std::errc() || stop != end) {
+        return 0;
+    }
+    return value;
+}
+
+} // namespace
+
+Runtime& Runtime::getInstance() {
+    static Runtime runtime;
+    return runtime;
+}
+
+Runtime::Runtime() {
+    resolve();
+}
+
+void Runtime::configure(const RuntimeConfiguration& configuration) {
+    configuration_ = configuration;
+    resolve();
+}
+
+const std::string& Runtime::getCacheBranchPath() const {
+    return cacheBranchPath_;
+}
+
+const std::string& Runtime::getLibCachePath() const {
+    return libCachePath_;
+}
+
+std::string Runtime::getStandardLibraryPath() const {
+    return standardLibraryPath_;
+}
+
+unsigned Runtime::getJobCount() const {
+    return jobCount_;
+}
+
+void Runtime::resolve() {
+    standardLibraryPath_ = configuration_.standardLibraryPath;
+    if (standardLibraryPath_.empty()) {
+        standardLibraryPath_ = environment("QUOR_STDLIB_PATH");
+    }
+    if (standardLibraryPath_.empty()) {
+        standardLibraryPath_ = defaultStandardLibraryPath();
+    }
+
+    std::string cacheRoot = configuration_.cacheRoot;
+    if (cacheRoot.empty()) {
+        cacheRoot = environment("QUOR_CACHE_DIR");
+    }
+    if (cacheRoot.empty()) {
+        cacheRoot = defaultCacheRoot();
+    }
+    cacheBranchPath_ = (fs::path(cacheRoot) / QUOR_COMPILER_VERSION).native();
+    libCachePath_ = (fs::path(cacheBranchPath_) / "lib").native();
+
+    jobCount_ = configuration_.jobs;
+    if (jobCount_ == 0) {
+        jobCount_ = parseJobs(environment("QUOR_JOBS"));
+    }
+    if (jobCount_ == 0) {
+        jobCount_ = std::thread::hardware_concurrency();
+    }
+    if (jobCount_ == 0) {
+        jobCount_ = 1;
+    }
+}
+
+} // namespace quor::compiler

@@ -1,0 +1,348 @@
+// The batch precompiler on real files: objects and their contents, progress,
+// error positions, determinism across job counts, and how failures and
+// progress exceptions stop the workers.
+
+#include "compiler/Compiler.h"
+#include "compiler/Sha256.h"
+#include "compiler/SourceManager.h"
+#include "tests/services/ServicesTestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <set>
+#include <thread>
+
+namespace {
+
+using quor::compiler::Compiler;
+using quor::compiler::Sha256;
+using quor::compiler::SourceManager;
+using namespace quor::test;
+
+class PrecompilerTest : public testing::Test {
+protected:
+    void SetUp() override { SourceManager::instance().clear(); }
+    void TearDown() override { SourceManager::instance().clear(); }
+
+    fs::path library() const { return directory_.path() / "stdlib"; }
+    fs::path cacheRoot() const { return directory_.path() / "cache"; }
+    fs::path libCache() const { return cacheRoot() / QUOR_COMPILER_VERSION / "lib"; }
+
+    std::string add(const std::string& relative, const std::string& text) {
+        writeFile(library() / relative, text);
+        return (library() / relative).native();
+    }
+
+    // Compiles `sources` with `jobs` workers into `cache`, recording progress.
+    void compile(const std::vector<std::string>& sources, unsigned jobs,
+                 const fs::path& cache = {}) {
+        ScopedRuntime runtime(
+            {library().native(), (cache.empty() ? cacheRoot() : cache).native(), jobs});
+        reports_.clear();
+        Compiler::precompileSources(
+            sources, nullptr, [this](const Compiler::CompilationProgress& progress) {
+                reports_.push_back({progress.completed, progress.total, progress.sourcePath,
+                                    std::this_thread::get_id()});
+            });
+    }
+
+    // The message of the runtime_error that compiling one unit with `text` throws.
+    std::string failureOf(const std::string& text, const std::string& name = "core/Bad.qr") {
+        std::string source = add(name, text);
+        try {
+            compile({source}, 1);
+        } catch (const std::runtime_error& error) {
+            return error.what();
+        }
+        return "no error";
+    }
+
+    struct Report {
+        std::size_t completed;
+        std::size_t total;
+        std::string sourcePath;
+        std::thread::id thread;
+    };
+
+    TemporaryDirectory directory_;
+    std::vector<Report> reports_;
+};
+
+TEST(Sha256Test, MatchesKnownDigests) {
+    EXPECT_EQ(Sha256::hex(""), "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
+    EXPECT_EQ(Sha256::hex("abc"),
+              "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+    EXPECT_EQ(Sha256::hex("abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq"),
+              "248d6a61d20638b8e5c026930c3e6039a33ce45964ff2167f6ecedd419db06c1");
+    EXPECT_EQ(Sha256::hex(std::string(1000000, 'a')),
+              "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0");
+}
+
+TEST_F(PrecompilerTest, WritesTheDeclarationsOfEachUnitBesideItsPath) {
+    std::string text = "package collections.immutable\n"
+                       "\n"
+                       "use core.Option\n"
+                       "use core.text.Format as Fmt\n"
+                       "\n"
+                       "/* A persistent stack. */\n"
+                       "public sealed class Stack : Sized, Equatable<Stack> {\n"
+                       "    let items: Array<Int> = [1, 2, 0x1F, 3.5e2]\n"
+                       "    fn push(value: Int) -> Stack { return Stack() }\n"
+                       "    struct Node { }\n"
+                       "}\n"
+                       "\n"
+                       "public fn emptyStack<T>(\n"
+                       "    capacity: Int,   label: String = \"a \\\"b\\\" // c\") -> Stack {\n"
+                       "    return Stack()\n"
+                       "}\n"
+                       "extern fn stackDepth() -> Int\n";
+    std::string source = add("collections/immutable/Stack.qr", text);
+    compile({source}, 2);
+
+    std::string expected = "QUOR-OBJECT\t1\n"
+                           "unit\tcollections/immutable/Stack.qr\n"
+                           "source-size\t" +
+                           std::to_string(text.size()) +
+                           "\n"
+                           "source-sha256\t" +
+                           Sha256::hex(text) +
+                           "\n"
+                           "package\tcollections.immutable\n"
+                           "use\t3\tcore.Option\t\n"
+                           "use\t4\tcore.text.Format\tFmt\n"
+                           "type\t7\tclass\tpublic\tsealed\tStack\t\tSized, Equatable<Stack>\t\n"
+                           "type\t10\tstruct\t\t\tNode\t\t\t\n"
+                           "fn\t13\temptyStack\tpublic fn emptyStack<T>( capacity: Int, label: "
+                           "String = \"a \\\\\"b\\\\\" // c\") -> Stack\n"
+                           "fn\t17\tstackDepth\textern fn stackDepth() -> Int\n"
+                           "end\t6\n";
+    EXPECT_EQ(readFile(libCache() / "collections/immutable/Stack.qo"), expected);
+    ASSERT_EQ(reports_.size(), 1u);
+    EXPECT_EQ(reports_[0].sourcePath, source);
+}
+
+TEST_F(PrecompilerTest, ReportsEveryUnitOnTheCallingThreadCountingUp) {
+    std::vector<std::string> sources;
+    for (int i = 0; i < 25; ++i) {
+        sources.push_back(add("pkg" + std::to_string(i % 3) + "/U" + std::to_string(i) + ".qr",
+                              "package pkg" + std::to_string(i % 3) + "\nstruct U" +
+                                  std::to_string(i) + " {}\n"));
+    }
+    compile(sources, 4);
+    ASSERT_EQ(reports_.size(), sources.size());
+    std::set<std::string> named;
+    for (std::size_t i = 0; i < reports_.size(); ++i) {
+        EXPECT_EQ(reports_[i].completed, i + 1);
+        EXPECT_EQ(reports_[i].total, sources.size());
+        EXPECT_EQ(reports_[i].thread, std::this_thread::get_id());
+        named.insert(reports_[i].sourcePath);
+        fs::path object =
+            libCache() / fs::path(reports_[i].sourcePath).lexically_relative(library());
+        EXPECT_TRUE(fs::is_regular_file(object.replace_extension(".qo"))) << object;
+    }
+    EXPECT_EQ(named, std::set<std::string>(sources.begin(), sources.end()));
+}
+
+struct BadUnit {
+    std::string text;
+    std::string message; // after "path:"
+};
+
+// Names the case in test listings by its expected message.
+void PrintTo(const BadUnit& unit, std::ostream* out) {
+    *out << unit.message;
+}
+
+class PrecompilerErrors : public PrecompilerTest, public testing::WithParamInterface<BadUnit> {};
+
+TEST_P(PrecompilerErrors, NameTheExactPosition) {
+    std::string path = (library() / "core/Bad.qr").native();
+    EXPECT_EQ(failureOf(GetParam().text), path + ":" + GetParam().message);
+    EXPECT_FALSE(fs::exists(libCache() / "core/Bad.qo"));
+    EXPECT_TRUE(findNames(cacheRoot(), ".tmp.").empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    PrecompilerTest, PrecompilerErrors,
+    testing::Values(
+        BadUnit{"fn f() {\n  let s = \"abc\n}\n", "2:11: unterminated string literal"},
+        BadUnit{"/* open\n\n", "1:1: unterminated block comment"},
+        BadUnit{"let c = ''\n", "1:9: empty character literal"},
+        BadUnit{"let c = 'ab'\n", "1:9: character literal holds more than one character"},
+        BadUnit{"let c = 'a\n", "1:9: unterminated character literal"},
+        BadUnit{"let c = '\\q'\n", "1:10: invalid escape sequence"},
+        BadUnit{"let s = \"a\\u{}\"\n", "1:11: invalid escape sequence"},
+        BadUnit{"let n = 12abc\n", "1:11: invalid character 'a' in number literal"},
+        BadUnit{"let n = 0x\n", "1:9: hexadecimal literal without digits"},
+        BadUnit{"let n = 0b102\n", "1:13: invalid character '2' in number literal"},
+        BadUnit{"let n = 1e+\n", "1:9: exponent without digits in number literal"},
+        BadUnit{"let x = a # b\n", "1:11: unexpected character '#'"},
+        BadUnit{"let x = \xc3\xa9\n", "1:9: unexpected character 0xC3"},
+        BadUnit{"let s = \"a\tb\x01\"\n", "1:13: control character 0x01 in string literal"},
+        BadUnit{"fn f() {\n  g(1]\n}\n", "2:6: mismatched ']': expected ')' to close '(' at 2:4"},
+        BadUnit{"fn f() {\n}\n}\n", "3:1: unexpected '}'"},
+        BadUnit{"class Bad {\n  fn f() {\n}\n", "1:11: unclosed '{'"},
+        BadUnit{"fn f() {\n  g(\n}\n", "3:1: mismatched '}': expected ')' to close '(' at 2:4"},
+        BadUnit{"package core\nclass Bad<T> : {\n}\n", "2:1: malformed type header"},
+        BadUnit{"  public sealed abstract class Bad {\n}\n", "1:3: malformed type header"},
+        BadUnit{"class Bad\n{\n}\n", "1:1: malformed type header"},
+        BadUnit{"let k = x.class\n", "1:11: 'class' may only begin a type header"},
+        BadUnit{"use core.Option\npackage core\n",
+                "2:1: the package line must come before every other declaration"},
+        BadUnit{"package collections\n",
+                "1:9: package 'collections' does not match the unit's folder 'core'"},
+        BadUnit{"package core.\n", "1:1: expected a dotted name after 'package'"},
+        BadUnit{"use core.Option extra\n", "1:17: unexpected 'extra' after the use line"},
+        BadUnit{"class Bad {\n  use core.Option\n}\n", "2:3: 'use' lines must stand at top level"},
+        BadUnit{"let use = 1\n", "1:5: 'use' may only begin a use line"},
+        BadUnit{"fn (x: Int) {\n}\n", "1:4: expected a function name after 'fn'"},
+        BadUnit{"public fn f -> Int {\n}\n", "1:13: expected '(' after the function name 'f'"}));
+
+TEST_F(PrecompilerTest, AUnitInTheRootHasNoPackage) {
+    std::string path = (library() / "Root.qr").native();
+    EXPECT_EQ(failureOf("package core\n", "Root.qr"),
+              path + ":1:9: a unit in the library root has no package; found 'core'");
+    std::string good = add("Fine.qr", "fn main() {\r\n  print(\"ok\")\r\n}\r\n");
+    EXPECT_NO_THROW(compile({good}, 1));
+}
+
+TEST_F(PrecompilerTest, UnitsOutsideTheLibraryOrNotQrAreRefused) {
+    fs::path outside = directory_.path() / "elsewhere" / "Out.qr";
+    writeFile(outside, "struct Out {}\n");
+    try {
+        compile({outside.native()}, 1);
+        FAIL() << "no error";
+    } catch (const std::runtime_error& error) {
+        EXPECT_EQ(std::string(error.what()),
+                  outside.native() + ":1:1: the unit lies outside the standard library '" +
+                      library().native() + "'");
+    }
+    std::string sneaky = (library() / ".." / "elsewhere" / "Out.qr").native();
+    EXPECT_THROW(compile({sneaky}, 1), std::runtime_error);
+    std::string text = add("core/Notes.txt", "x\n");
+    EXPECT_THROW(compile({text}, 1), std::runtime_error);
+    EXPECT_FALSE(fs::exists(libCache() / "elsewhere"));
+}
+
+TEST_F(PrecompilerTest, OutputIsByteIdenticalWhateverTheJobCount) {
+    std::vector<std::string> sources;
+    for (int i = 0; i < 40; ++i) {
+        std::string n = std::to_string(i);
+        sources.push_back(add("p" + std::to_string(i % 4) + "/q/T" + n + ".qr",
+                              "package p" + std::to_string(i % 4) + ".q\n\npublic class T" + n +
+                                  " : Base" + n + " {\n    fn get() -> Int { return " + n +
+                                  " }\n}\nfn helper" + n + "(a: Int, b: T" + n +
+                                  ") -> Int {\n}\n"));
+    }
+    compile(sources, 1, directory_.path() / "one");
+    compile(sources, 2, directory_.path() / "two");
+    auto one = snapshotTree(directory_.path() / "one");
+    auto two = snapshotTree(directory_.path() / "two");
+    EXPECT_EQ(one.size(), sources.size());
+    EXPECT_EQ(one, two);
+}
+
+TEST_F(PrecompilerTest, EachUnitIsReadFromDiskOnce) {
+    std::vector<std::string> sources;
+    for (int i = 0; i < 10; ++i) {
+        sources.push_back(
+            add("r/R" + std::to_string(i) + ".qr", "struct R" + std::to_string(i) + " {}\n"));
+    }
+    OpenCounter opens(library());
+    for (const std::string& source : sources) {
+        ASSERT_TRUE(SourceManager::instance().contents(source)); // as the bootstrap's header test
+    }
+    compile(sources, 2);
+    auto counts = opens.collect();
+    EXPECT_EQ(counts.size(), sources.size());
+    for (const auto& [name, count] : counts) {
+        EXPECT_EQ(count, 1) << name;
+    }
+}
+
+// Many units, the first of which is broken: the run stops at it.
+std::vector<std::string> manyUnitsFirstBroken(const fs::path& library, std::size_t count) {
+    std::vector<std::string> sources;
+    for (std::size_t i = 0; i < count; ++i) {
+        fs::path path = library / "m" / ("M" + std::to_string(1000 + i) + ".qr");
+        writeFile(path, i == 0 ? std::string("fn f( {\n") : "package m\nstruct M {}\n");
+        sources.push_back(path.native());
+    }
+    return sources;
+}
+
+TEST_F(PrecompilerTest, AFailureStopsTheRunAndLeavesNothingRunning) {
+    auto sources = manyUnitsFirstBroken(library(), 400);
+    std::size_t threadsBefore = threadCount();
+    EXPECT_THROW(compile(sources, 1), std::runtime_error);
+    // One worker takes the units in order, so nothing after the broken one is written.
+    EXPECT_TRUE(findNames(libCache(), ".qo").empty());
+    EXPECT_EQ(reports_.size(), 0u);
+
+    try {
+        compile(sources, 2);
+        FAIL() << "no error";
+    } catch (const std::runtime_error& error) {
+        EXPECT_EQ(std::string(error.what()), sources[0] + ":1:7: unclosed '{'");
+    }
+    EXPECT_LT(findNames(libCache(), ".qo").size(), sources.size() - 1);
+    EXPECT_LT(reports_.size(), sources.size() - 1);
+    EXPECT_TRUE(findNames(cacheRoot(), ".tmp.").empty());
+    EXPECT_EQ(threadCount(), threadsBefore);
+}
+
+struct ProgressStop {
+    int code;
+};
+
+TEST_F(PrecompilerTest, AProgressExceptionPropagatesUnchanged) {
+    std::vector<std::string> sources;
+    for (int i = 0; i < 50; ++i) {
+        sources.push_back(add("s/S" + std::to_string(i) + ".qr", "package s\n"));
+    }
+    std::size_t threadsBefore = threadCount();
+    ScopedRuntime runtime({library().native(), cacheRoot().native(), 2});
+    std::size_t calls = 0;
+    try {
+        Compiler::precompileSources(sources, nullptr, [&](const Compiler::CompilationProgress& p) {
+            ++calls;
+            if (p.completed == 3) {
+                throw ProgressStop{42};
+            }
+        });
+        FAIL() << "no exception";
+    } catch (const ProgressStop& stop) {
+        EXPECT_EQ(stop.code, 42);
+    }
+    EXPECT_EQ(calls, 3u);
+    EXPECT_EQ(threadCount(), threadsBefore);
+    EXPECT_TRUE(findNames(cacheRoot(), ".tmp.").empty());
+
+    try {
+        Compiler::precompileSources(sources, nullptr, [](const Compiler::CompilationProgress&) {
+            throw std::out_of_range("from the callback");
+        });
+        FAIL() << "no exception";
+    } catch (const std::out_of_range& error) {
+        EXPECT_STREQ(error.what(), "from the callback");
+    }
+}
+
+TEST_F(PrecompilerTest, AnUnreadableUnitFailsWithItsPath) {
+    std::string missing = (library() / "gone" / "Gone.qr").native();
+    fs::create_directories(library());
+    try {
+        compile({missing}, 1);
+        FAIL() << "no error";
+    } catch (const std::runtime_error& error) {
+        EXPECT_EQ(std::string(error.what()), missing + ":1:1: unable to read the unit");
+    }
+}
+
+TEST_F(PrecompilerTest, AnEmptyBatchDoesNothing) {
+    compile({}, 2);
+    EXPECT_TRUE(reports_.empty());
+    EXPECT_FALSE(fs::exists(cacheRoot()));
+}
+
+} // namespace
