@@ -1,0 +1,90 @@
+# What `cmake --install` puts under the prefix:
+#   share/quor/stdlib/...                the library's ".qr" sources, folders kept,
+#   share/quor/stdlib/.quor-stdlib-fingerprint   and their fingerprint,
+#   include/quor/compiler/...            the public headers,
+#   lib/libquor_bootstrap.a, lib/libquor_services.a,
+#   lib/cmake/QuorBootstrap/             the CMake package (Quor::bootstrap, Quor::services).
+# The tool installs itself from its own folder.
+#
+# quor_services is installed next to quor_bootstrap because a compiler that
+# embeds the bootstrap but has no runtime, precompiler or source cache of its own
+# can then link ours; one that has its own links Quor::bootstrap alone.
+
+include(CMakePackageConfigHelpers)
+
+set(QUOR_INSTALL_STDLIBDIR "${CMAKE_INSTALL_DATADIR}/quor/stdlib")
+set(QUOR_INSTALL_CMAKEDIR "${CMAKE_INSTALL_LIBDIR}/cmake/QuorBootstrap")
+
+# The library. Symbolic links are left behind, as the bootstrap would ignore
+# them anyway and the fingerprint does not count them.
+install(DIRECTORY "${QUOR_STDLIB_SOURCE_DIR}/"
+  DESTINATION "${QUOR_INSTALL_STDLIBDIR}"
+  COMPONENT stdlib
+  FILES_MATCHING PATTERN "*.qr")
+
+# Its fingerprint is computed from the installed tree, not copied from the build
+# tree: what the bootstrap compiles is what lies under the prefix, including any
+# unit that an earlier installation left there. The code runs after the copy
+# above, since install rules of one directory run in the order they were given.
+install(CODE "
+  set(_quor_stdlib \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${QUOR_INSTALL_STDLIBDIR}\")
+  if(IS_ABSOLUTE \"${QUOR_INSTALL_STDLIBDIR}\")
+    set(_quor_stdlib \"\$ENV{DESTDIR}${QUOR_INSTALL_STDLIBDIR}\")
+  endif()
+  set(_quor_fingerprint \"\${_quor_stdlib}/.quor-stdlib-fingerprint\")
+  message(STATUS \"Fingerprinting: \${_quor_fingerprint}\")
+  execute_process(
+    COMMAND \"\${CMAKE_COMMAND}\" \"-DROOT=\${_quor_stdlib}\"
+            \"-DOUTPUT=\${_quor_fingerprint}\" -P \"${QUOR_STDLIB_FINGERPRINT_SCRIPT}\"
+    RESULT_VARIABLE _quor_result)
+  if(NOT _quor_result EQUAL 0)
+    message(FATAL_ERROR \"Unable to fingerprint the installed standard library: \${_quor_result}\")
+  endif()
+  list(APPEND CMAKE_INSTALL_MANIFEST_FILES \"\${_quor_fingerprint}\")
+" COMPONENT stdlib)
+
+# The public headers: the bootstrap's entry points and the declarations of the
+# services it calls, which an embedding compiler implements or links. Helpers
+# private to the services (tokenizer, hashing, unit compiler) stay out. Headers
+# keep their folders below include/quor, matching the targets' INSTALL_INTERFACE
+# include directory: #include "compiler/Runtime.h".
+install(FILES
+  "${PROJECT_SOURCE_DIR}/compiler/StandardLibraryBootstrap.h"
+  "${PROJECT_SOURCE_DIR}/compiler/StandardLibraryCacheState.h"
+  "${PROJECT_SOURCE_DIR}/compiler/Runtime.h"
+  "${PROJECT_SOURCE_DIR}/compiler/Compiler.h"
+  "${PROJECT_SOURCE_DIR}/compiler/SourceManager.h"
+  DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/quor/compiler"
+  COMPONENT development)
+install(FILES "${PROJECT_SOURCE_DIR}/compiler/source/TypeHeader.h"
+  DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/quor/compiler/source"
+  COMPONENT development)
+
+set_target_properties(quor_bootstrap PROPERTIES EXPORT_NAME bootstrap)
+set_target_properties(quor_services PROPERTIES EXPORT_NAME services)
+install(TARGETS quor_bootstrap quor_services
+  EXPORT QuorBootstrapTargets
+  ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT development
+  LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT development
+  INCLUDES DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/quor")
+install(EXPORT QuorBootstrapTargets
+  NAMESPACE Quor::
+  DESTINATION "${QUOR_INSTALL_CMAKEDIR}"
+  COMPONENT development)
+
+configure_package_config_file(
+  "${CMAKE_CURRENT_LIST_DIR}/QuorBootstrapConfig.cmake.in"
+  "${PROJECT_BINARY_DIR}/generated/QuorBootstrapConfig.cmake"
+  INSTALL_DESTINATION "${QUOR_INSTALL_CMAKEDIR}"
+  PATH_VARS QUOR_INSTALL_STDLIBDIR CMAKE_INSTALL_INCLUDEDIR)
+# The bootstrap's cache layout and marker are tied to the compiler version, and
+# before 1.0 a minor version may change them: only the same major.minor matches.
+write_basic_package_version_file(
+  "${PROJECT_BINARY_DIR}/generated/QuorBootstrapConfigVersion.cmake"
+  VERSION "${PROJECT_VERSION}"
+  COMPATIBILITY SameMinorVersion)
+install(FILES
+  "${PROJECT_BINARY_DIR}/generated/QuorBootstrapConfig.cmake"
+  "${PROJECT_BINARY_DIR}/generated/QuorBootstrapConfigVersion.cmake"
+  DESTINATION "${QUOR_INSTALL_CMAKEDIR}"
+  COMPONENT development)
