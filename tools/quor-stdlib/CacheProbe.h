@@ -1,0 +1,104 @@
+// Read-only examination of the standard-library cache for `status` and `prune`:
+// the running compiler's identity and where its fingerprint came from, the
+// paths the bootstrap uses, why a marker does not validate, how many units a
+// build would compile, and how much disk a directory takes.
+//
+// The bootstrap keeps these rules private, so they are reproduced here and must
+// follow it exactly: the fingerprint files (first line only, trimmed of space,
+// tab, CR and LF, exactly 64 hexadecimal digits, lower-cased; installed file
+// first, then the build tree's, then "version-<v>-abi-<n>"), the state layout
+// below the cache root, the marker's five positional lines, and the choice of
+// compilable units. Whether the cache is ready is still asked of the bootstrap's
+// own StandardLibraryCacheState; the diagnosis only explains its answer.
+
+#ifndef QUOR_TOOLS_QUOR_STDLIB_CACHEPROBE_H
+#define QUOR_TOOLS_QUOR_STDLIB_CACHEPROBE_H
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace quor::stdlibtool {
+
+// The compiler version this tool was built with; the bootstrap uses the same.
+std::string_view compilerVersion();
+
+enum class FingerprintSource { InstalledFile, BuildTreeFile, Fallback };
+
+// "installed", "build-tree" or "fallback".
+std::string_view fingerprintSourceName(FingerprintSource source);
+
+struct Identity {
+    std::string version;
+    int abiVersion = 0;
+    std::string fingerprint;
+    FingerprintSource source = FingerprintSource::Fallback;
+    std::filesystem::path fingerprintFile; // the file it was read from; empty for the fallback
+};
+
+struct CachePaths {
+    std::filesystem::path library;        // standard-library root (need not exist)
+    std::filesystem::path cacheRoot;      // parent of the cache branch
+    std::filesystem::path cacheBranch;    // <root>/<version>
+    std::filesystem::path libraryCache;   // <branch>/lib
+    std::filesystem::path stateDirectory; // <root>/.first-launch/<version>/<lib leaf>
+    std::filesystem::path marker;         // <state directory>/.quor-stdlib-ready
+    std::filesystem::path lockFile; // <root>/.first-launch/<version>/.stdlib-bootstrap-<leaf>.lock
+};
+
+// The fingerprint in `file` under the bootstrap's rules, or "" when the file
+// gives none. Never throws for file trouble.
+std::string readFingerprintFile(const std::filesystem::path& file);
+
+// The build tree whose generated fingerprint the bootstrap falls back to.
+std::filesystem::path buildTreeFingerprintFile();
+
+// The identity the bootstrap checks the marker against, computed from the
+// configured Runtime and Compiler::objectAbiVersion().
+Identity currentIdentity();
+
+// The bootstrap's paths for the configured Runtime.
+CachePaths currentPaths();
+
+enum class MarkerVerdict {
+    Valid,      // every line matches the identity
+    Missing,    // no marker file
+    Unreadable, // the file exists but cannot be opened or read
+    Malformed,  // fewer than five lines, or a wrong first line
+    Mismatch,   // well-formed, but recorded for another identity
+};
+
+// "valid", "missing", "unreadable", "malformed", "mismatch".
+std::string_view markerVerdictName(MarkerVerdict verdict);
+
+struct MarkerField {
+    std::string name; // "format", "version", "abi" or "fingerprint"
+    std::string expected;
+    std::string found; // the trimmed value after "<name>="; "" when the key is absent
+};
+
+struct MarkerDiagnosis {
+    MarkerVerdict verdict = MarkerVerdict::Missing;
+    std::string detail;                   // a sentence for Unreadable and Malformed
+    std::vector<MarkerField> differences; // every differing field, for Mismatch
+};
+
+// Reads the marker at `marker` the way the bootstrap validates it, but keeps
+// going past the first difference so that every differing field is reported.
+MarkerDiagnosis diagnoseMarker(const std::filesystem::path& marker, const Identity& identity);
+
+// The units a build would hand to the precompiler, sorted as the bootstrap sorts
+// them: regular ".qr" files below `root` (symbolic links skipped) except those
+// whose own type header is generic. Throws std::runtime_error with the
+// bootstrap's enumeration message when the walk fails.
+std::vector<std::string> compilableUnits(const std::filesystem::path& root);
+
+// Bytes allocated on disk for `path` and everything below it, counted like du:
+// links are not followed and entries that cannot be examined count as zero.
+std::uint64_t diskUsage(const std::filesystem::path& path);
+
+} // namespace quor::stdlibtool
+
+#endif

@@ -1,0 +1,111 @@
+// The table of subcommands, the typo suggestion for an unknown one, the help
+// texts shared by --help and `help`, and the Runtime configuration every
+// subcommand starts with.
+
+#include "Commands.h"
+#include "Console.h"
+
+#include "compiler/Runtime.h"
+
+#include <algorithm>
+#include <array>
+#include <vector>
+
+namespace quor::stdlibtool {
+
+namespace {
+
+constexpr std::array<Command, 4> table = {{
+    {"status", "Show the cache's identity, paths and readiness, and why it is not ready",
+     runStatus},
+    {"ensure", "Build the standard-library cache now unless it is up to date", runEnsure},
+    {"prune", "Remove the caches that older compiler versions left behind", runPrune},
+    {"help", "List the subcommands, or explain one: help [SUBCOMMAND]", runHelp},
+}};
+
+// Edit distance counting a swap of two neighbouring letters as one edit, so
+// that "stauts" is one step from "status".
+std::size_t editDistance(std::string_view a, std::string_view b) {
+    std::vector<std::vector<std::size_t>> d(a.size() + 1, std::vector<std::size_t>(b.size() + 1));
+    for (std::size_t i = 0; i <= a.size(); ++i)
+        d[i][0] = i;
+    for (std::size_t j = 0; j <= b.size(); ++j)
+        d[0][j] = j;
+    for (std::size_t i = 1; i <= a.size(); ++i)
+        for (std::size_t j = 1; j <= b.size(); ++j) {
+            const std::size_t cost = a[i - 1] == b[j - 1] ? 0 : 1;
+            d[i][j] = std::min({d[i - 1][j] + 1, d[i][j - 1] + 1, d[i - 1][j - 1] + cost});
+            if (i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1])
+                d[i][j] = std::min(d[i][j], d[i - 2][j - 2] + 1);
+        }
+    return d[a.size()][b.size()];
+}
+
+} // namespace
+
+std::span<const Command> commands() {
+    return table;
+}
+
+const Command* findCommand(std::string_view name) {
+    for (const auto& command : table)
+        if (command.name == name)
+            return &command;
+    return nullptr;
+}
+
+const Command* closestCommand(std::string_view name) {
+    if (name.empty())
+        return nullptr;
+    const Command* best = nullptr;
+    std::size_t bestDistance = 0;
+    for (const auto& command : table) {
+        // A prefix ("pr", "ens") is what people type when they half remember.
+        if (command.name.starts_with(name))
+            return &command;
+        const std::size_t distance = editDistance(name, command.name);
+        if (best == nullptr || distance < bestDistance) {
+            best = &command;
+            bestDistance = distance;
+        }
+    }
+    const std::size_t allowed = std::max<std::size_t>(2, best->name.size() / 3);
+    return bestDistance <= allowed ? best : nullptr;
+}
+
+int runHelp(const Invocation& invocation, Console& console) {
+    console.out() << invocation.helpText;
+    if (!invocation.helpText.empty() && invocation.helpText.back() != '\n')
+        console.out() << '\n';
+    console.out().flush();
+    return ExitSuccess;
+}
+
+void configureRuntime(const Invocation& invocation, unsigned jobs) {
+    compiler::RuntimeConfiguration configuration;
+    configuration.standardLibraryPath = invocation.global.standardLibraryPath;
+    configuration.cacheRoot = invocation.global.cacheRoot;
+    configuration.jobs = jobs;
+    compiler::Runtime::getInstance().configure(configuration);
+}
+
+std::string_view exitStatusHelp() {
+    return "Exit status:\n"
+           "  0    success; for `status --check`: the cache is ready\n"
+           "  1    the operation failed (the reason follows \"quor-stdlib: error:\"),\n"
+           "       `ensure --timeout` gave up waiting for the build lock, or\n"
+           "       `status --check` found that a build is needed\n"
+           "  2    usage error: unknown subcommand or option, missing or bad value\n"
+           "  130  interrupted (Ctrl-C); a build cut short leaves no readiness marker\n";
+}
+
+std::string_view environmentHelp() {
+    return "Environment (the options above take precedence):\n"
+           "  QUOR_STDLIB_PATH  standard-library root; default: share/quor/stdlib beside\n"
+           "                    the installed program, or the source tree's stdlib/\n"
+           "  QUOR_CACHE_DIR    cache root; default: $XDG_CACHE_HOME/quor, else ~/.cache/quor\n"
+           "  QUOR_JOBS         precompiler worker threads; default: one per hardware thread\n"
+           "  NO_COLOR          when set and not empty, --color auto prints no colour\n";
+}
+
+} // namespace quor::stdlibtool

@@ -1,0 +1,95 @@
+// The subcommands of quor-stdlib as plain functions. main() only turns the
+// command line into an Invocation and calls the handler that the command table
+// names, so tests can run a subcommand in-process with their own streams.
+
+#ifndef QUOR_TOOLS_QUOR_STDLIB_COMMANDS_H
+#define QUOR_TOOLS_QUOR_STDLIB_COMMANDS_H
+
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+
+namespace quor::stdlibtool {
+
+class Console;
+
+// Exit statuses, the same for every subcommand. `help` prints them.
+enum ExitStatus : int {
+    ExitSuccess = 0,       // done; for `status --check`: the cache is ready
+    ExitFailure = 1,       // the operation failed, a lock wait timed out, or
+                           // `status --check` found that a build is needed
+    ExitUsage = 2,         // the command line could not be understood
+    ExitInterrupted = 130, // interrupted by SIGINT (Ctrl-C); no marker was written
+};
+
+enum class ColorMode { Auto, Always, Never };
+
+// Options every subcommand accepts.
+struct GlobalOptions {
+    std::string standardLibraryPath; // --stdlib; empty: environment, then default
+    std::string cacheRoot;           // --cache-root; empty: environment, then default
+    bool json = false;               // --json
+    bool quiet = false;              // --quiet
+    ColorMode color = ColorMode::Auto;
+};
+
+struct StatusOptions {
+    bool check = false; // --check: the exit status says whether a build is needed
+};
+
+struct EnsureOptions {
+    std::optional<double> timeoutSeconds; // --timeout: bound on the wait for the build lock
+    unsigned jobs = 0;                    // --jobs; 0 leaves it to QUOR_JOBS and the default
+};
+
+struct PruneOptions {
+    bool dryRun = false; // --dry-run: list, remove nothing
+};
+
+// Everything one run of the tool was asked to do.
+struct Invocation {
+    GlobalOptions global;
+    StatusOptions status;
+    EnsureOptions ensure;
+    PruneOptions prune;
+    std::string helpText; // what `help` prints; the parser renders it
+};
+
+using CommandHandler = int (*)(const Invocation&, Console&);
+
+struct Command {
+    std::string_view name;
+    std::string_view summary; // one line, shown by `help`
+    CommandHandler handler;
+};
+
+// The subcommands, in the order `help` lists them.
+std::span<const Command> commands();
+
+// The command named `name`, or nullptr.
+const Command* findCommand(std::string_view name);
+
+// The command whose name is closest to `name` by edit distance, when it is
+// close enough to be a plausible typo; nullptr otherwise.
+const Command* closestCommand(std::string_view name);
+
+// Handlers. Each returns one of the ExitStatus values and reports failures on
+// the console instead of throwing. They configure the process-wide Runtime from
+// the invocation first, so they must not run concurrently with each other.
+int runStatus(const Invocation& invocation, Console& console);
+int runEnsure(const Invocation& invocation, Console& console);
+int runPrune(const Invocation& invocation, Console& console);
+int runHelp(const Invocation& invocation, Console& console);
+
+// Sets the Runtime's library path, cache root and jobs from the invocation,
+// above the environment. Called by every handler that touches the cache.
+void configureRuntime(const Invocation& invocation, unsigned jobs = 0);
+
+// The text after "Exit status:" and "Environment:" in --help.
+std::string_view exitStatusHelp();
+std::string_view environmentHelp();
+
+} // namespace quor::stdlibtool
+
+#endif

@@ -1,0 +1,105 @@
+// `quor-stdlib prune`: lists the caches of older compiler versions with their
+// size, and removes them through the bootstrap, which also removes their
+// first-launch state and refuses anything that is not a real version directory
+// directly under the cache root.
+
+#include "CacheProbe.h"
+#include "Commands.h"
+#include "Console.h"
+
+#include "compiler/StandardLibraryBootstrap.h"
+
+#include <nlohmann/json.hpp>
+
+#include <iomanip>
+
+namespace quor::stdlibtool {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Candidate {
+    fs::path path;
+    std::uint64_t bytes = 0; // the version's cache and its first-launch state
+};
+
+std::string plural(std::size_t count, std::string_view one, std::string_view many) {
+    return std::to_string(count) + " " + std::string(count == 1 ? one : many);
+}
+
+} // namespace
+
+int runPrune(const Invocation& invocation, Console& console) {
+    try {
+        configureRuntime(invocation);
+        const fs::path root = currentPaths().cacheRoot;
+        const std::string version(compilerVersion());
+        std::vector<Candidate> candidates;
+        std::uint64_t listedBytes = 0;
+        for (const auto& path :
+             compiler::StandardLibraryBootstrap::olderCacheVersions(root, version)) {
+            const auto bytes = diskUsage(path) + diskUsage(root.lexically_normal() /
+                                                           ".first-launch" / path.filename());
+            candidates.push_back({path, bytes});
+            listedBytes += bytes;
+        }
+
+        const bool text = !invocation.global.json && !invocation.global.quiet;
+        auto& out = console.out();
+        // The list goes out before anything is removed, so that a removal that
+        // fails half-way still leaves the user knowing what was attempted.
+        if (text) {
+            if (candidates.empty())
+                out << "no older versions under " << root.string() << std::endl;
+            for (const auto& candidate : candidates)
+                out << "  " << std::left << std::setw(10) << candidate.path.filename().string()
+                    << std::right << std::setw(10) << formatBytes(candidate.bytes) << "  "
+                    << candidate.path.string() << '\n';
+            out.flush();
+        }
+
+        std::size_t removed = 0;
+        std::uint64_t freed = 0;
+        if (!invocation.prune.dryRun && !candidates.empty()) {
+            removed = compiler::StandardLibraryBootstrap::removeOlderCacheVersions(root, version);
+            for (const auto& candidate : candidates) {
+                std::error_code error;
+                if (!fs::exists(fs::symlink_status(candidate.path, error)))
+                    freed += candidate.bytes;
+            }
+        }
+
+        if (invocation.global.json) {
+            nlohmann::ordered_json versions = nlohmann::ordered_json::array();
+            for (const auto& candidate : candidates)
+                versions.push_back({{"version", candidate.path.filename().string()},
+                                    {"path", candidate.path.string()},
+                                    {"bytes", candidate.bytes}});
+            out << nlohmann::ordered_json{{"cacheRoot", root.string()},
+                                          {"currentVersion", version},
+                                          {"dryRun", invocation.prune.dryRun},
+                                          {"versions", std::move(versions)},
+                                          {"count", candidates.size()},
+                                          {"bytes", listedBytes},
+                                          {"removed", removed},
+                                          {"bytesFreed", freed}}
+                       .dump(2)
+                << std::endl;
+        } else if (text && !candidates.empty()) {
+            if (invocation.prune.dryRun)
+                out << "would remove "
+                    << plural(candidates.size(), "older version", "older versions") << ", freeing "
+                    << formatBytes(listedBytes) << " (dry run: nothing removed)" << std::endl;
+            else
+                out << "removed " << plural(removed, "older version", "older versions")
+                    << ", freed " << formatBytes(freed) << std::endl;
+        }
+        return ExitSuccess;
+    } catch (const std::exception& failure) {
+        console.error(failure.what());
+        return ExitFailure;
+    }
+}
+
+} // namespace quor::stdlibtool

@@ -1,0 +1,228 @@
+// `quor-stdlib status`: what the bootstrap would decide right now, and why.
+// Readiness itself is the bootstrap's answer (StandardLibraryCacheState and
+// isRequired); the marker diagnosis and the unit count only explain it.
+
+#include "CacheProbe.h"
+#include "Commands.h"
+#include "Console.h"
+
+#include "compiler/StandardLibraryBootstrap.h"
+#include "compiler/StandardLibraryCacheState.h"
+
+#include <nlohmann/json.hpp>
+
+#include <exception>
+#include <iomanip>
+#include <optional>
+
+namespace quor::stdlibtool {
+
+namespace {
+
+namespace fs = std::filesystem;
+using json = nlohmann::ordered_json;
+
+struct OlderVersion {
+    fs::path path;
+    std::uint64_t bytes = 0;
+};
+
+struct StatusReport {
+    Identity identity;
+    CachePaths paths;
+    bool libraryFound = false;
+    bool ready = false;
+    bool buildRequired = false;
+    MarkerDiagnosis marker;
+    std::optional<std::size_t> units;
+    std::string unitsError;
+    std::vector<OlderVersion> olderVersions;
+};
+
+StatusReport gatherStatus() {
+    StatusReport report;
+    report.identity = currentIdentity();
+    report.paths = currentPaths();
+    std::error_code error;
+    report.libraryFound = fs::is_directory(report.paths.library, error);
+    const compiler::StandardLibraryCacheState state(
+        report.paths.stateDirectory, report.identity.version, report.identity.abiVersion,
+        report.identity.fingerprint);
+    report.ready = state.isReady();
+    report.buildRequired = compiler::StandardLibraryBootstrap::isRequired();
+    report.marker = diagnoseMarker(report.paths.marker, report.identity);
+    if (report.libraryFound) {
+        try {
+            report.units = compilableUnits(report.paths.library).size();
+        } catch (const std::exception& failure) {
+            report.unitsError = failure.what();
+        }
+    } else {
+        report.unitsError = "the standard library was not found";
+    }
+    for (const auto& path : compiler::StandardLibraryBootstrap::olderCacheVersions(
+             report.paths.cacheRoot, std::string(compilerVersion())))
+        report.olderVersions.push_back({path, diskUsage(path)});
+    return report;
+}
+
+// What a marker field stands for, in prose.
+std::string_view fieldProse(const std::string& field) {
+    if (field == "version")
+        return "compiler version";
+    if (field == "abi")
+        return "object ABI";
+    if (field == "fingerprint")
+        return "library fingerprint";
+    return "marker format";
+}
+
+// The reason a cache that is not ready is not ready, as one line.
+std::string reasonLine(const StatusReport& report) {
+    switch (report.marker.verdict) {
+    case MarkerVerdict::Missing:
+        return "no readiness marker; the library has not been built for this compiler yet";
+    case MarkerVerdict::Unreadable:
+    case MarkerVerdict::Malformed:
+        return report.marker.detail;
+    case MarkerVerdict::Mismatch: {
+        const auto& differences = report.marker.differences;
+        std::string line = "the marker was written for another ";
+        for (std::size_t i = 0; i < differences.size(); ++i)
+            line += std::string(i == 0                        ? ""
+                                : i + 1 == differences.size() ? " and "
+                                                              : ", ") +
+                    std::string(fieldProse(differences[i].name));
+        return line;
+    }
+    case MarkerVerdict::Valid:
+        break;
+    }
+    return "the marker looks valid but the bootstrap does not accept it";
+}
+
+json reasonJson(const StatusReport& report) {
+    if (report.ready)
+        return nullptr;
+    json reason = {{"kind", report.marker.verdict == MarkerVerdict::Valid
+                                ? std::string_view("unknown")
+                                : markerVerdictName(report.marker.verdict)},
+                   {"message", reasonLine(report)}};
+    json differences = json::array();
+    for (const auto& field : report.marker.differences)
+        differences.push_back(
+            {{"field", field.name}, {"expected", field.expected}, {"found", field.found}});
+    reason["differences"] = std::move(differences);
+    return reason;
+}
+
+json statusJson(const StatusReport& report) {
+    json older = json::array();
+    std::uint64_t olderBytes = 0;
+    for (const auto& version : report.olderVersions) {
+        older.push_back({{"version", version.path.filename().string()},
+                         {"path", version.path.string()},
+                         {"bytes", version.bytes}});
+        olderBytes += version.bytes;
+    }
+    const auto& paths = report.paths;
+    return {
+        {"version", report.identity.version},
+        {"abi", report.identity.abiVersion},
+        {"fingerprint", report.identity.fingerprint},
+        {"fingerprintSource", fingerprintSourceName(report.identity.source)},
+        {"fingerprintFile", report.identity.fingerprintFile.empty()
+                                ? json(nullptr)
+                                : json(report.identity.fingerprintFile.string())},
+        {"paths",
+         {{"library", paths.library.string()},
+          {"cacheRoot", paths.cacheRoot.string()},
+          {"cacheBranch", paths.cacheBranch.string()},
+          {"libraryCache", paths.libraryCache.string()},
+          {"stateDirectory", paths.stateDirectory.string()},
+          {"marker", paths.marker.string()},
+          {"lockFile", paths.lockFile.string()}}},
+        {"libraryFound", report.libraryFound},
+        {"ready", report.ready},
+        {"buildRequired", report.buildRequired},
+        {"reason", reasonJson(report)},
+        {"units", report.units ? json(*report.units) : json(nullptr)},
+        {"unitsError", report.unitsError.empty() ? json(nullptr) : json(report.unitsError)},
+        {"olderVersions", std::move(older)},
+        {"olderVersionsBytes", olderBytes},
+    };
+}
+
+void printStatus(const StatusReport& report, Console& console) {
+    auto& out = console.out();
+    const auto row = [&out](std::string_view label) -> std::ostream& {
+        return out << "  " << std::left << std::setw(18) << label;
+    };
+    const auto& paths = report.paths;
+    out << console.paintOut("Quor standard library, compiler " + report.identity.version,
+                            Color::Bold)
+        << '\n';
+    row("object ABI") << report.identity.abiVersion << '\n';
+    row("fingerprint") << report.identity.fingerprint << '\n';
+    row("  from") << fingerprintSourceName(report.identity.source);
+    if (!report.identity.fingerprintFile.empty())
+        out << " file " << report.identity.fingerprintFile.string();
+    out << '\n';
+    row("library") << paths.library.string() << (report.libraryFound ? "" : "  (not found)")
+                   << '\n';
+    row("cache root") << paths.cacheRoot.string() << '\n';
+    row("library cache") << paths.libraryCache.string() << '\n';
+    row("state directory") << paths.stateDirectory.string() << '\n';
+    row("marker") << paths.marker.string() << '\n';
+    row("lock file") << paths.lockFile.string() << '\n';
+    if (report.ready) {
+        row("state") << console.paintOut("ready", Color::Green) << '\n';
+    } else {
+        row("state") << console.paintOut("not ready", Color::Yellow) << ": " << reasonLine(report)
+                     << '\n';
+        for (const auto& field : report.marker.differences)
+            row("") << "  " << field.name << ": expected \"" << field.expected << "\", found \""
+                    << field.found << "\"\n";
+        if (!report.buildRequired)
+            row("") << "  ensure cannot build it: the standard library was not found\n";
+    }
+    if (report.units)
+        row("units to compile") << *report.units << '\n';
+    else
+        row("units to compile") << "unknown (" << report.unitsError << ")\n";
+    if (report.olderVersions.empty()) {
+        row("older versions") << "none\n";
+    } else {
+        bool first = true;
+        for (const auto& version : report.olderVersions) {
+            row(first ? "older versions" : "")
+                << std::setw(10) << version.path.filename().string() << ' ' << std::right
+                << std::setw(10) << formatBytes(version.bytes) << std::left << "  "
+                << version.path.string() << '\n';
+            first = false;
+        }
+        row("") << "remove them with `quor-stdlib prune`\n";
+    }
+    out.flush();
+}
+
+} // namespace
+
+int runStatus(const Invocation& invocation, Console& console) {
+    try {
+        configureRuntime(invocation);
+        const StatusReport report = gatherStatus();
+        if (invocation.global.json)
+            console.out() << statusJson(report).dump(2) << std::endl;
+        else if (!invocation.global.quiet)
+            printStatus(report, console);
+        if (invocation.status.check)
+            return report.ready ? ExitSuccess : ExitFailure;
+        return ExitSuccess;
+    } catch (const std::exception& failure) {
+        console.error(failure.what());
+        return ExitFailure;
+    }
+}
+
+} // namespace quor::stdlibtool

@@ -1,0 +1,152 @@
+// quor-stdlib: examine, prepare and prune the Quor standard-library cache.
+// This file only turns the command line into an Invocation and calls the
+// subcommand's handler from the command table; the work is in the handlers.
+
+#include "Commands.h"
+#include "Console.h"
+
+#include "compiler/Compiler.h"
+
+#include <CLI/CLI.hpp>
+
+#include <iostream>
+#include <map>
+
+using namespace quor::stdlibtool;
+
+namespace {
+
+int usageError(const std::string& message) {
+    std::cerr << "quor-stdlib: error: " << message << "\n"
+              << "Run 'quor-stdlib help' to list the subcommands and options." << std::endl;
+    return ExitUsage;
+}
+
+std::string unknownSubcommand(const std::string& name) {
+    std::string message = "unknown subcommand '" + name + "'";
+    if (const Command* closest = closestCommand(name))
+        message += "; did you mean '" + std::string(closest->name) + "'?";
+    return message;
+}
+
+// CLI11's own validators print the whole range of a double; these say what is expected.
+CLI::Validator secondsValidator() {
+    return CLI::Validator(
+        [](std::string& text) -> std::string {
+            try {
+                std::size_t used = 0;
+                const double value = std::stod(text, &used);
+                if (used == text.size() && value >= 0.0 && value < 1e9)
+                    return {};
+            } catch (const std::exception&) { // not a number: reported below
+            }
+            return "expected a number of seconds, at least 0, got '" + text + "'";
+        },
+        "");
+}
+
+CLI::Validator jobsValidator() {
+    return CLI::Validator(
+        [](std::string& text) -> std::string {
+            if (!text.empty() && text.size() <= 6 &&
+                text.find_first_not_of("0123456789") == std::string::npos && std::stoul(text) > 0)
+                return {};
+            return "expected a whole number of worker threads, at least 1, got '" + text + "'";
+        },
+        "");
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    Invocation invocation;
+    std::string color = "auto";
+    std::string helpTopic;
+
+    CLI::App app("Examines, prepares and prunes the precompiled Quor standard library.",
+                 "quor-stdlib");
+    app.fallthrough(); // global options may follow the subcommand
+    app.add_option("--stdlib", invocation.global.standardLibraryPath,
+                   "Standard-library root (overrides QUOR_STDLIB_PATH)")
+        ->type_name("DIR");
+    app.add_option("--cache-root", invocation.global.cacheRoot,
+                   "Cache root holding one directory per compiler version (overrides "
+                   "QUOR_CACHE_DIR)")
+        ->type_name("DIR");
+    app.add_flag("--json", invocation.global.json, "Machine-readable output");
+    app.add_flag("-q,--quiet", invocation.global.quiet, "Print only errors");
+    app.add_option("--color", color, "Colour: auto (terminals, unless NO_COLOR), always, never")
+        ->check(CLI::IsMember({"auto", "always", "never"}))
+        ->type_name("WHEN");
+    app.set_version_flag("--version",
+                         "quor-stdlib " + std::string(QUOR_COMPILER_VERSION) + " (object ABI " +
+                             std::to_string(quor::compiler::Compiler::objectAbiVersion()) + ")",
+                         "Print the compiler version and object ABI, then exit");
+
+    std::map<std::string_view, CLI::App*> subcommands;
+    for (const Command& command : commands())
+        subcommands[command.name] =
+            app.add_subcommand(std::string(command.name), std::string(command.summary));
+    subcommands["status"]->add_flag("--check", invocation.status.check,
+                                    "Exit 0 when the cache is ready, 1 when a build is needed");
+    subcommands["ensure"]
+        ->add_option("--timeout", invocation.ensure.timeoutSeconds,
+                     "Give up waiting for another process's build lock after SECONDS")
+        ->check(secondsValidator())
+        ->type_name("SECONDS");
+    subcommands["ensure"]
+        ->add_option("-j,--jobs", invocation.ensure.jobs,
+                     "Precompiler worker threads (overrides QUOR_JOBS)")
+        ->check(jobsValidator())
+        ->type_name("N");
+    subcommands["prune"]->add_flag("-n,--dry-run", invocation.prune.dryRun,
+                                   "List what would be removed, remove nothing");
+    subcommands["help"]->add_option("subcommand", helpTopic, "The subcommand to explain");
+    for (auto& [name, subcommand] : subcommands)
+        subcommand->footer("The global options (--stdlib, --cache-root, --json, --quiet, --color) "
+                           "apply too;\n'quor-stdlib --help' lists them with the exit statuses.");
+    app.require_subcommand(0, 1);
+    app.footer(std::string(exitStatusHelp()) + "\n" + std::string(environmentHelp()));
+    // Set last, so that the subcommands do not inherit it: an unknown word is
+    // then left over on the top level, where it can be named as a typo.
+    app.allow_extras();
+
+    // Rendered before parsing: afterwards CLI11 renders the selected subcommand's help.
+    const std::string overview = app.help();
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        if (error.get_exit_code() == 0)
+            return app.exit(error); // --help and --version
+        return usageError(error.what());
+    }
+
+    const auto remaining = app.remaining();
+    const auto selected = app.get_subcommands();
+    if (selected.empty()) {
+        if (!remaining.empty() && !remaining.front().starts_with("-"))
+            return usageError(unknownSubcommand(remaining.front()));
+        if (!remaining.empty())
+            return usageError("unknown option '" + remaining.front() + "'");
+        std::cerr << overview;
+        return usageError("no subcommand given");
+    }
+    if (!remaining.empty())
+        return usageError("unexpected argument '" + remaining.front() + "' for '" +
+                          selected.front()->get_name() + "'");
+
+    const Command* command = findCommand(selected.front()->get_name());
+    if (command->name == "help") {
+        if (helpTopic.empty())
+            invocation.helpText = overview;
+        else if (findCommand(helpTopic) != nullptr)
+            invocation.helpText = subcommands[findCommand(helpTopic)->name]->help("quor-stdlib");
+        else
+            return usageError(unknownSubcommand(helpTopic));
+    }
+    invocation.global.color = color == "always"  ? ColorMode::Always
+                              : color == "never" ? ColorMode::Never
+                                                 : ColorMode::Auto;
+    Console console = Console::forProcess(invocation.global.color);
+    return command->handler(invocation, console);
+}
