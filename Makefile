@@ -23,6 +23,11 @@ run: build
 test: build
 	ctest --test-dir $(BUILD) --output-on-failure -j2
 
+# The reliability harnesses at their full counts: the crash test, the contention
+# stress and the pruning attack (QUOR_STRESS_SEED picks another seed).
+stress: build
+	QUOR_STRESS=full ctest --test-dir $(BUILD) -L reliability --output-on-failure
+
 install: build
 	cmake --install $(BUILD) --prefix $(or $(PREFIX),/usr/local)
 

@@ -1,0 +1,28 @@
+// Compiles the bootstrap unit into the fuzz target so that its private helpers
+// can be called. The build gives this file the same QUOR_COMPILER_VERSION and
+// QUOR_BUILD_TREE_DIR definitions as quor_bootstrap, so the code is the shipped
+// code, compiled with the fuzz target's instrumentation.
+
+#include "compiler/StandardLibraryBootstrap.cpp"
+
+#include "fuzz/UnitAccess.h"
+
+namespace quor::fuzz {
+
+std::string trim(std::string text) {
+    return compiler::trim(std::move(text));
+}
+
+std::string markerValue(const std::string& line, const std::string& key) {
+    return compiler::markerValue(line, key);
+}
+
+bool parseVersion(const std::string& text, std::array<unsigned long long, 3>& out) {
+    return compiler::parseVersion(text, out);
+}
+
+std::string readFingerprintFile(const std::filesystem::path& file) {
+    return compiler::readFingerprintFile(file);
+}
+
+} // namespace quor::fuzz

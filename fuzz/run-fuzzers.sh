@@ -1,0 +1,66 @@
+#!/usr/bin/env bash
+# Builds the libFuzzer versions of the fuzz targets with clang (AddressSanitizer
+# and UndefinedBehaviorSanitizer included) and fuzzes each one for a bounded time.
+#
+#   fuzz/run-fuzzers.sh SECONDS [TARGET...]
+#
+# SECONDS is the time per target; the default targets are all of them. Each
+# target starts from a copy of its committed seed corpus (fuzz/corpus/<target>),
+# so new inputs land in the build directory, never in the repository. A crash,
+# a leak or a failed property stops that target and the script exits 1 after
+# printing the input; make it a regression input by copying it into
+# fuzz/corpus/<target>/ under a name that says what it caught: the replay test
+# then runs it in every build.
+#
+# Environment: QUOR_FUZZ_BUILD_DIR (default build-fuzz), CXX_FUZZ (default
+# clang++-14, else clang++), QUOR_FUZZ_JOBS (build jobs, default 2).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+seconds=${1:?usage: fuzz/run-fuzzers.sh SECONDS [TARGET...]}
+shift
+targets=("$@")
+[ ${#targets[@]} -gt 0 ] || targets=(marker fingerprint version type_header tokenizer)
+
+build=${QUOR_FUZZ_BUILD_DIR:-build-fuzz}
+compiler=${CXX_FUZZ:-}
+if [ -z "$compiler" ]; then
+  compiler=$(command -v clang++-14 || command -v clang++ || true)
+fi
+if [ -z "$compiler" ]; then
+  echo "run-fuzzers: no clang++ found; the corpora are still replayed by ctest" >&2
+  exit 0
+fi
+
+if [ ! -f "$build/build.ninja" ]; then
+  cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DCMAKE_CXX_COMPILER="$compiler" -DQUOR_BUILD_FUZZERS=ON -DQUOR_BUILD_TESTS=OFF \
+    -DQUOR_BUILD_TOOLS=OFF -DQUOR_BUILD_BENCHMARKS=OFF >/dev/null
+fi
+cmake --build "$build" -j "${QUOR_FUZZ_JOBS:-2}" --target "${targets[@]/#/quor_fuzz_}"
+
+failed=()
+for target in "${targets[@]}"; do
+  corpus="$build/fuzz-work/corpus/$target"
+  artifacts="$build/fuzz-work/artifacts/$target/"
+  mkdir -p "$corpus" "$artifacts"
+  cp -n fuzz/corpus/"$target"/* "$corpus"/ 2>/dev/null || true
+  echo "== fuzzing $target for ${seconds}s"
+  if ! "$build/fuzz/quor_fuzz_$target" -max_total_time="$seconds" -timeout=10 \
+       -rss_limit_mb=2048 -max_len=4096 -print_final_stats=1 \
+       -artifact_prefix="$artifacts" "$corpus" 2>"$build/fuzz-work/$target.log"; then
+    failed+=("$target")
+    tail -40 "$build/fuzz-work/$target.log" >&2
+    echo "run-fuzzers: $target failed; inputs in $artifacts:" >&2
+    ls -l "$artifacts" >&2
+  else
+    grep -E 'stat::number_of_executed_units|stat::new_units_added' \
+      "$build/fuzz-work/$target.log" | sed "s/^/  $target /"
+  fi
+done
+
+if [ ${#failed[@]} -gt 0 ]; then
+  echo "run-fuzzers: failures in: ${failed[*]}" >&2
+  exit 1
+fi
+echo "run-fuzzers: ${#targets[@]} targets fuzzed for ${seconds}s each, no failure"
