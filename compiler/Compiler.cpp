@@ -24,6 +24,7 @@
 #include <fstream>
 #include <mutex>
 #include <set>
+#include <signal.h>
 #include <stdexcept>
 #include <system_error>
 #include <thread>
@@ -255,6 +256,49 @@ void syncLibraryCache(const std::string& lib) {
     }
 }
 
+// The process id in a temporary object's name (".<name>.tmp.<pid>.<n>"), or 0
+// when the name is not one of ours.
+pid_t temporaryWriter(const std::string& name) {
+    const std::size_t marker = name.rfind(".tmp.");
+    if (name.empty() || name[0] != '.' || marker == std::string::npos) {
+        return 0;
+    }
+    const std::size_t start = marker + 5;
+    const std::size_t end = name.find('.', start);
+    if (end == std::string::npos || end == start) {
+        return 0;
+    }
+    pid_t pid = 0;
+    for (std::size_t i = start; i < end; ++i) {
+        if (name[i] < '0' || name[i] > '9' || pid > 99999999) {
+            return 0;
+        }
+        pid = pid * 10 + (name[i] - '0');
+    }
+    return pid;
+}
+
+// A build that was killed leaves its temporary objects behind; they are never
+// taken for objects, but they take space. Only those whose writing process is
+// gone are removed, so a precompile running in another process keeps its own.
+// Best effort: a temporary that cannot be removed costs space, not correctness.
+void removeAbandonedTemporaries(const fs::path& lib) {
+    std::error_code error;
+    fs::recursive_directory_iterator entries(lib, fs::directory_options::skip_permission_denied,
+                                             error);
+    for (; !error && entries != fs::recursive_directory_iterator(); entries.increment(error)) {
+        std::error_code statusError;
+        if (!entries->is_regular_file(statusError) || entries->is_symlink(statusError)) {
+            continue;
+        }
+        const pid_t writer = temporaryWriter(entries->path().filename().native());
+        if (writer > 0 && ::kill(writer, 0) != 0 && errno == ESRCH) {
+            std::error_code ignored;
+            fs::remove(entries->path(), ignored); // best effort, see above
+        }
+    }
+}
+
 } // namespace
 
 int Compiler::objectAbiVersion() {
@@ -272,6 +316,7 @@ void Compiler::ensureObjectAbiCacheCurrent() {
     const fs::path record = lib / abiRecordName;
     const std::string current = std::to_string(objectAbi);
     if (readAbiRecord(record) == current) {
+        removeAbandonedTemporaries(lib);
         return;
     }
 

@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 namespace {
 
 using quor::compiler::Compiler;
@@ -81,6 +83,23 @@ TEST_F(ObjectAbiCacheTest, ACacheThatCannotBeCreatedIsAnError) {
             message.rfind("Unable to create Quor library cache '" + lib().native() + "': ", 0), 0u)
             << message;
     }
+}
+
+TEST_F(ObjectAbiCacheTest, TemporariesOfAGoneWriterAreRemovedAndLiveOnesKept) {
+    Compiler::ensureObjectAbiCacheCurrent();
+    // Above any pid the kernel hands out (pid_max is at most 2^22).
+    const fs::path abandoned = lib() / "core" / ".Int.qo.tmp.99999999.3";
+    const fs::path live = lib() / "core" / (".Text.qo.tmp." + std::to_string(::getpid()) + ".1");
+    const fs::path object = lib() / "core" / "Int.qo";
+    writeFile(abandoned, "partial");
+    writeFile(live, "partial");
+    writeFile(object, "object");
+
+    Compiler::ensureObjectAbiCacheCurrent();
+
+    EXPECT_FALSE(fs::exists(abandoned));
+    EXPECT_TRUE(fs::exists(live));
+    EXPECT_EQ(readFile(object), "object");
 }
 
 } // namespace

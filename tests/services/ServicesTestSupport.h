@@ -42,7 +42,8 @@ std::map<std::string, std::string> snapshotTree(const fs::path& root);
 // Relative paths of every entry below `root` whose name contains `needle`.
 std::vector<std::string> findNames(const fs::path& root, const std::string& needle);
 
-// The number of threads of this process, from /proc/self/task.
+// The number of threads of this process, from /proc/self/task, once any
+// helper thread of a sanitizer runtime has been started.
 std::size_t threadCount();
 
 // Sets the runtime's configuration for the lifetime of the object and puts the

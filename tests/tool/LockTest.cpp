@@ -7,6 +7,8 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <sstream>
+
 #include <signal.h>
 
 namespace quor::tooltest {
@@ -68,13 +70,19 @@ TEST(EnsureLockWait, JsonTimeoutEndsWithAnErrorEventNamingTheHolder) {
     Sandbox sandbox;
     LockHolderProcess holder(sandbox.lockFile());
     const ToolRun run =
-        runTool(sandbox.arguments({"ensure", "--json", "--timeout", "0.5"}), sandbox.path());
+        runTool(sandbox.arguments({"ensure", "--json", "--timeout", "1"}), sandbox.path());
     EXPECT_EQ(run.status, 1) << run.err;
-    const std::string last = run.out.substr(run.out.rfind('\n', run.out.size() - 2) + 1);
+    std::istringstream lines(run.out);
+    std::string line, last;
+    while (std::getline(lines, line))
+        if (!line.empty())
+            last = line;
+    ASSERT_FALSE(last.empty()) << run.err;
     const auto event = nlohmann::json::parse(last);
-    EXPECT_EQ(event["event"], "error");
-    EXPECT_EQ(event["exitStatus"], 1);
-    EXPECT_EQ(event["holder"]["pid"], holder.pid());
+    EXPECT_EQ(event.value("event", ""), "error") << last;
+    EXPECT_EQ(event.value("exitStatus", 0), 1) << last;
+    ASSERT_TRUE(event.contains("holder")) << last;
+    EXPECT_EQ(event["holder"].value("pid", 0), holder.pid()) << last;
 }
 
 TEST(EnsureLockWait, TimeoutDoesNotMatterWhenTheLockIsFree) {

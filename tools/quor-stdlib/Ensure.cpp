@@ -23,6 +23,8 @@
 
 #include "compiler/StandardLibraryBootstrap.h"
 
+#include "JsonText.h"
+
 #include <nlohmann/json.hpp>
 
 #include <atomic>
@@ -157,7 +159,7 @@ void printError(const Invocation& invocation, Console& console, const std::strin
         {"event", "error"}, {"message", message}, {"exitStatus", status}};
     if (gaveUpOn)
         event["holder"] = {{"pid", gaveUpOn->pid}, {"command", gaveUpOn->command}};
-    console.out() << event.dump() << std::endl;
+    console.out() << jsonText(event) << std::endl;
 }
 
 } // namespace
@@ -226,6 +228,8 @@ int runEnsure(const Invocation& invocation, Console& console) {
         }
         const bool timedOut = deadline && now >= *deadline;
         if ((interruptRequested || timedOut) && now >= nextWake) {
+            if (timedOut && !holder)
+                holder = findLockHolder(paths.lockFile, self); // a short timeout may beat the poll
             gaveUp = gaveUp || timedOut;
             pthread_kill(worker.native_handle(), SIGUSR1);
             nextWake = now + std::chrono::milliseconds(100);
@@ -251,9 +255,9 @@ int runEnsure(const Invocation& invocation, Console& console) {
             console.note("interrupted; the standard-library cache was left without a readiness "
                          "marker");
             if (invocation.global.json)
-                console.out() << nlohmann::ordered_json{{"event", "interrupted"},
-                                                        {"exitStatus", int(ExitInterrupted)}}
-                                     .dump()
+                console.out() << jsonText(
+                                     nlohmann::ordered_json{{"event", "interrupted"},
+                                                            {"exitStatus", int(ExitInterrupted)}})
                               << std::endl;
             return ExitInterrupted;
         }
@@ -267,12 +271,11 @@ int runEnsure(const Invocation& invocation, Console& console) {
 
     const auto& result = exchange.result;
     if (invocation.global.json) {
-        console.out() << nlohmann::ordered_json{{"event", "result"},
-                                                {"bootstrapped", result.bootstrapped},
-                                                {"completed", result.completed},
-                                                {"total", result.total},
-                                                {"seconds", seconds}}
-                             .dump()
+        console.out() << jsonText(nlohmann::ordered_json{{"event", "result"},
+                                                         {"bootstrapped", result.bootstrapped},
+                                                         {"completed", result.completed},
+                                                         {"total", result.total},
+                                                         {"seconds", seconds}})
                       << std::endl;
     } else if (!invocation.global.quiet) {
         if (result.bootstrapped) {

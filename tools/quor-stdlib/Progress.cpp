@@ -2,6 +2,8 @@
 
 #include "Progress.h"
 
+#include "JsonText.h"
+
 #include <nlohmann/json.hpp>
 
 #include <cstdio>
@@ -84,7 +86,7 @@ void ProgressView::report(const compiler::StandardLibraryBootstrapProgress& prog
             {"sourcePath", progress.sourcePath},
             {"displayName", progress.displayName},
         };
-        console_.out() << event.dump() << std::endl;
+        console_.out() << jsonText(event) << std::endl;
         return;
     }
     switch (progress.stage) {
@@ -141,7 +143,7 @@ void ProgressView::waitingFor(const LockHolder& holder, const std::filesystem::p
                                         {"pid", holder.pid},
                                         {"command", holder.command},
                                         {"lockFile", lockFile.string()}};
-        console_.out() << event.dump() << std::endl;
+        console_.out() << jsonText(event) << std::endl;
         return;
     }
     close();

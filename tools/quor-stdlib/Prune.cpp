@@ -9,6 +9,8 @@
 
 #include "compiler/StandardLibraryBootstrap.h"
 
+#include "JsonText.h"
+
 #include <nlohmann/json.hpp>
 
 #include <iomanip>
@@ -76,15 +78,15 @@ int runPrune(const Invocation& invocation, Console& console) {
                 versions.push_back({{"version", candidate.path.filename().string()},
                                     {"path", candidate.path.string()},
                                     {"bytes", candidate.bytes}});
-            out << nlohmann::ordered_json{{"cacheRoot", root.string()},
-                                          {"currentVersion", version},
-                                          {"dryRun", invocation.prune.dryRun},
-                                          {"versions", std::move(versions)},
-                                          {"count", candidates.size()},
-                                          {"bytes", listedBytes},
-                                          {"removed", removed},
-                                          {"bytesFreed", freed}}
-                       .dump(2)
+            out << jsonText(nlohmann::ordered_json{{"cacheRoot", root.string()},
+                                                   {"currentVersion", version},
+                                                   {"dryRun", invocation.prune.dryRun},
+                                                   {"versions", std::move(versions)},
+                                                   {"count", candidates.size()},
+                                                   {"bytes", listedBytes},
+                                                   {"removed", removed},
+                                                   {"bytesFreed", freed}},
+                            2)
                 << std::endl;
         } else if (text && !candidates.empty()) {
             if (invocation.prune.dryRun)

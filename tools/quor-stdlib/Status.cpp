@@ -9,6 +9,8 @@
 #include "compiler/StandardLibraryBootstrap.h"
 #include "compiler/StandardLibraryCacheState.h"
 
+#include "JsonText.h"
+
 #include <nlohmann/json.hpp>
 
 #include <exception>
@@ -213,7 +215,7 @@ int runStatus(const Invocation& invocation, Console& console) {
         configureRuntime(invocation);
         const StatusReport report = gatherStatus();
         if (invocation.global.json)
-            console.out() << statusJson(report).dump(2) << std::endl;
+            console.out() << jsonText(statusJson(report), 2) << std::endl;
         else if (!invocation.global.quiet)
             printStatus(report, console);
         if (invocation.status.check)
