@@ -36,3 +36,17 @@ format:
 
 clean:
 	rm -rf $(BUILD)
+
+# Figures against their floors, in a Release build of its own; see
+# docs/performance.md. BENCH_FLAGS go to the workload script (--quick, --only 3,4).
+BENCH_BUILD ?= build-bench
+BENCH_FLAGS ?=
+bench: deps
+	@test -f $(BENCH_BUILD)/build.ninja || cmake -S . -B $(BENCH_BUILD) -G Ninja \
+		-DCMAKE_BUILD_TYPE=Release -DQUOR_BUILD_BENCHMARKS=ON -DQUOR_BUILD_TESTS=OFF
+	cmake --build $(BENCH_BUILD) -j2
+	$(BENCH_BUILD)/bench/quor-bench-ready --benchmark_repetitions=9 \
+		--benchmark_report_aggregates_only=true \
+		--benchmark_out=$(BENCH_BUILD)/ready-path.json --benchmark_out_format=json
+	python3 bench/workload.py --build-dir $(BENCH_BUILD) \
+		--ready-json $(BENCH_BUILD)/ready-path.json $(BENCH_FLAGS)
