@@ -7,7 +7,9 @@
 // The unit keeps nothing between calls and starts no thread; everything runs on
 // the caller's thread. File-system work goes through the std::filesystem forms
 // that report into a std::error_code, so that every failure becomes one of the
-// unit's own messages; the lock alone is plain POSIX (open, flock, close).
+// unit's own messages. The lock is plain POSIX (open, flock, close), and so are
+// the reads of the two small files on the ready path, which every compiler
+// start pays for.
 
 #include "compiler/StandardLibraryBootstrap.h"
 
@@ -24,9 +26,11 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cerrno>
 #include <charconv>
 #include <chrono>
 #include <cstdint>
+#include <cstring>
 #include <fstream>
 #include <locale>
 #include <memory>
@@ -94,15 +98,77 @@ std::string markerValue(const std::string& line, const std::string& key) {
     return trim(line.substr(prefix.size()));
 }
 
+// Reads the first lines of a file with plain system calls, exactly as
+// std::getline reads them from a stream: a line ends at a line feed, which is
+// dropped, and a read fails only when the file is already at its end (or
+// cannot be read at all, as a directory cannot). The ready path reads two
+// small files on every compiler start; a stream object costs several times the
+// system calls themselves.
+class LineReader {
+public:
+    explicit LineReader(const std::string& path)
+        : fd_(::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {}
+    ~LineReader() {
+        if (fd_ >= 0) {
+            ::close(fd_); // opened read-only: closing cannot lose anything
+        }
+    }
+    LineReader(const LineReader&) = delete;
+    LineReader& operator=(const LineReader&) = delete;
+
+    bool isOpen() const { return fd_ >= 0; }
+
+    bool readLine(std::string& line) {
+        line.clear();
+        bool extracted = false;
+        while (position_ < size_ || fill()) {
+            const char* begin = buffer_ + position_;
+            const auto* newline =
+                static_cast<const char*>(std::memchr(begin, '\n', size_ - position_));
+            if (newline != nullptr) {
+                line.append(begin, newline);
+                position_ = static_cast<std::size_t>(newline - buffer_) + 1;
+                return true;
+            }
+            line.append(begin, size_ - position_);
+            position_ = size_;
+            extracted = true;
+        }
+        return extracted;
+    }
+
+private:
+    // A read error ends the file as its end would: what was read so far counts.
+    bool fill() {
+        while (true) {
+            const ssize_t count = ::read(fd_, buffer_, sizeof buffer_);
+            if (count < 0 && errno == EINTR) {
+                continue;
+            }
+            if (count <= 0) {
+                return false;
+            }
+            position_ = 0;
+            size_ = static_cast<std::size_t>(count);
+            return true;
+        }
+    }
+
+    int fd_;
+    char buffer_[512];
+    std::size_t position_ = 0;
+    std::size_t size_ = 0;
+};
+
 // Reads the first five lines of the marker at `markerPath`; false when the file
 // cannot be opened or ends before the fifth line has a byte or a line feed.
 bool readMarkerLines(const fs::path& markerPath, std::array<std::string, kMarkerLineCount>& lines) {
-    std::ifstream stream(markerPath, std::ios::in);
-    if (!stream) {
+    LineReader reader(markerPath.native());
+    if (!reader.isOpen()) {
         return false;
     }
     for (std::string& line : lines) {
-        if (!std::getline(stream, line)) {
+        if (!reader.readLine(line)) {
             return false;
         }
     }
@@ -223,12 +289,12 @@ bool isHexDigit(char c) {
 // The lower-case fingerprint on the first line of `file`, or empty when the
 // file is missing, unreadable or does not hold exactly 64 hexadecimal digits.
 std::string readFingerprintFile(const fs::path& file) {
-    std::ifstream stream(file, std::ios::in);
-    if (!stream) {
+    LineReader reader(file.native());
+    if (!reader.isOpen()) {
         return {};
     }
     std::string line;
-    if (!std::getline(stream, line)) {
+    if (!reader.readLine(line)) {
         return {};
     }
     line = trim(std::move(line));
