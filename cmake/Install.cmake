@@ -54,6 +54,7 @@ install(FILES
   "${PROJECT_SOURCE_DIR}/compiler/Runtime.h"
   "${PROJECT_SOURCE_DIR}/compiler/Compiler.h"
   "${PROJECT_SOURCE_DIR}/compiler/SourceManager.h"
+  "${PROJECT_SOURCE_DIR}/compiler/CacheTrust.h"
   DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/quor/compiler"
   COMPONENT development)
 install(FILES "${PROJECT_SOURCE_DIR}/compiler/source/TypeHeader.h"

@@ -9,14 +9,17 @@
 
 #include "compiler/Compiler.h"
 
+#include "compiler/CacheTrust.h"
 #include "compiler/Runtime.h"
 #include "compiler/SourceManager.h"
 #include "compiler/Tokenizer.h"
 #include "compiler/UnitCompiler.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <condition_variable>
+#include <cstdint>
 #include <cstring>
 #include <deque>
 #include <fcntl.h>
@@ -26,6 +29,7 @@
 #include <set>
 #include <signal.h>
 #include <stdexcept>
+#include <sys/stat.h>
 #include <system_error>
 #include <thread>
 #include <unistd.h>
@@ -87,11 +91,48 @@ int writeFileAtomically(const fs::path& path, std::string_view data) {
     return error;
 }
 
+// The record is one short word; anything past this many bytes cannot be part of
+// a record this compiler wrote.
+constexpr std::size_t abiRecordReadLimit = 4096;
+
+// The first white-space-delimited word of the ABI record, or "" when there is
+// no record. Only a regular file reached without a symbolic link is a record:
+// a FIFO or a device put in its place must neither block nor be read without
+// end, and reads as no record, which makes the cache be cleared and recorded
+// anew.
 std::string readAbiRecord(const fs::path& path) {
-    std::ifstream in(path);
-    std::string value;
-    in >> value;
-    return value;
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
+    if (fd < 0) {
+        return {};
+    }
+    std::string text;
+    struct stat status {};
+    if (::fstat(fd, &status) == 0 && S_ISREG(status.st_mode)) {
+        char buffer[abiRecordReadLimit];
+        std::size_t used = 0;
+        while (used < sizeof buffer) {
+            const ssize_t count = ::read(fd, buffer + used, sizeof buffer - used);
+            if (count > 0) {
+                used += static_cast<std::size_t>(count);
+            } else if (count == 0 || errno != EINTR) {
+                break;
+            }
+        }
+        text.assign(buffer, used);
+    }
+    ::close(fd); // read-only descriptor: nothing to lose on a failing close
+    // White space as the C locale knows it, so that a record with a CR or a
+    // blank around the number still reads.
+    constexpr std::string_view space = " \t\n\v\f\r";
+    const std::size_t begin = text.find_first_not_of(space);
+    if (begin == std::string::npos) {
+        return {};
+    }
+    const std::size_t end = text.find_first_of(space, begin);
+    if (end == std::string::npos && text.size() == abiRecordReadLimit) {
+        return {}; // the word may go on past the limit: not a record of ours
+    }
+    return text.substr(begin, end == std::string::npos ? std::string::npos : end - begin);
 }
 
 // One unit of a batch: the path as the caller named it, the path below the
@@ -180,27 +221,36 @@ struct Batch {
         changed.notify_one();
     }
 
+    // Compiles the next unit nobody has taken and posts what became of it.
+    // False when the batch is stopped or every unit is taken.
+    bool runNext() {
+        if (stop.load()) {
+            return false;
+        }
+        std::size_t index = next.fetch_add(1);
+        if (index >= units.size()) {
+            return false;
+        }
+        Event event;
+        event.index = index;
+        try {
+            compileOne(units[index]);
+        } catch (const std::exception& error) {
+            event.failed = true;
+            event.failure = error.what();
+        } catch (...) {
+            event.failed = true;
+            event.failure = units[index].source + ":1:1: unknown failure";
+        }
+        if (event.failed) {
+            stop.store(true);
+        }
+        post(std::move(event));
+        return true;
+    }
+
     void work() {
-        while (!stop.load()) {
-            std::size_t index = next.fetch_add(1);
-            if (index >= units.size()) {
-                break;
-            }
-            Event event;
-            event.index = index;
-            try {
-                compileOne(units[index]);
-            } catch (const std::exception& error) {
-                event.failed = true;
-                event.failure = error.what();
-            } catch (...) {
-                event.failed = true;
-                event.failure = units[index].source + ":1:1: unknown failure";
-            }
-            if (event.failed) {
-                stop.store(true);
-            }
-            post(std::move(event));
+        while (runNext()) {
         }
         std::lock_guard lock(mutex);
         --running;
@@ -208,26 +258,43 @@ struct Batch {
     }
 };
 
+// The most worker threads one batch starts, whatever --jobs or QUOR_JOBS ask
+// for. A unit costs a short stretch of processor time and a few file-system
+// calls, so a few hundred threads keep every processor and any disk this
+// compiler meets busy; each thread past that only costs a stack and a kernel
+// task, and a mistyped "-j 100000" would otherwise try to start that many.
+// README.md and docs/object-format.md give the same number.
+constexpr std::size_t maxWorkerThreads = 256;
+
 // Owns the worker threads: however the calling thread leaves, the workers are
 // told to stop and are joined before the shared state goes away.
 class WorkerPool {
 public:
+    // Starts up to `count` workers. A thread that cannot be started (the user's
+    // process limit or the memory ran out) is no error: the batch goes on with
+    // the workers already running, and with none at all the calling thread
+    // compiles the units itself. So the constructor never throws, and never
+    // leaves a started thread unowned.
     WorkerPool(Batch& batch, std::size_t count) : batch_(batch) {
-        threads_.reserve(count);
+        try {
+            threads_.reserve(count);
+        } catch (...) {
+            return;
+        }
         for (std::size_t i = 0; i < count; ++i) {
-            {
-                std::lock_guard lock(batch.mutex);
-                ++batch.running;
-            }
+            std::lock_guard lock(batch.mutex);
+            ++batch.running;
             try {
+                // Reserved above, so only the thread's own start can throw, and
+                // then the vector is left as it was.
                 threads_.emplace_back([&batch] { batch.work(); });
             } catch (...) {
-                std::lock_guard lock(batch.mutex);
                 --batch.running;
-                throw;
+                break;
             }
         }
     }
+    std::size_t size() const { return threads_.size(); }
     ~WorkerPool() {
         batch_.stop.store(true);
         for (std::thread& thread : threads_) {
@@ -299,6 +366,101 @@ void removeAbandonedTemporaries(const fs::path& lib) {
     }
 }
 
+// Vouches for the cache root before the library cache is changed, and creates
+// the cache branch and the library cache when they are missing. Only a cache
+// the running user owns is written to: one owned by root is left to root.
+void verifyLibraryCache() {
+    const Runtime& runtime = Runtime::getInstance();
+    const fs::path branch = runtime.getCacheBranchPath();
+    const fs::path lib = runtime.getLibCachePath();
+    fs::path root = branch.parent_path();
+    if (root.empty()) {
+        root = ".";
+    }
+    using Kind = CacheLayoutEntry::Kind;
+    if (verifyCacheRoot(root,
+                        {{branch, Kind::Directory},
+                         {lib, Kind::Directory},
+                         {lib / abiRecordName, Kind::DataFile}},
+                        true) == CacheAccess::ReadOnly) {
+        throw UntrustedCacheError("Quor cache root '" + root.native() +
+                                  "' belongs to root and is read-only for you; ask an "
+                                  "administrator to build it there, or choose a cache root that "
+                                  "you own");
+    }
+}
+
+// Which directory the library cache is, as the kernel knows it. A library cache
+// that was removed (by a newer compiler's pruning, say) and made again is
+// another directory, even under the same name. A freed inode number is soon
+// handed out again, so the birth time counts too where the file system keeps one.
+struct DirectoryIdentity {
+    std::uint64_t device = 0;
+    std::uint64_t inode = 0;
+    std::int64_t bornSeconds = 0;
+    std::uint32_t bornNanoseconds = 0;
+    bool exists = false;
+    bool operator==(const DirectoryIdentity&) const = default;
+};
+
+DirectoryIdentity identityOf(const fs::path& directory) {
+    struct statx info {};
+    if (::statx(AT_FDCWD, directory.c_str(), AT_SYMLINK_NOFOLLOW,
+                STATX_TYPE | STATX_INO | STATX_BTIME, &info) != 0 ||
+        !S_ISDIR(info.stx_mode)) {
+        return {};
+    }
+    DirectoryIdentity identity;
+    identity.device = (std::uint64_t(info.stx_dev_major) << 32) | info.stx_dev_minor;
+    identity.inode = info.stx_ino;
+    if ((info.stx_mask & STATX_BTIME) != 0) {
+        identity.bornSeconds = info.stx_btime.tv_sec;
+        identity.bornNanoseconds = info.stx_btime.tv_nsec;
+    }
+    identity.exists = true;
+    return identity;
+}
+
+// The library cache that ensureObjectAbiCacheCurrent() last made current, so
+// that precompileSources() can tell whether it is still the same directory.
+struct PreparedLibraryCache {
+    std::mutex mutex;
+    fs::path path;
+    DirectoryIdentity identity;
+};
+
+PreparedLibraryCache& preparedLibraryCache() {
+    static PreparedLibraryCache prepared;
+    return prepared;
+}
+
+std::runtime_error libraryCacheReplaced(const fs::path& lib) {
+    return std::runtime_error("Quor library cache '" + lib.native() +
+                              "' was removed or replaced while it was being built; build it again");
+}
+
+// Creates the folders of one object below the library cache, one level at a
+// time, with mode 0755 whatever the umask, never through a symbolic link: the
+// library cache is vouched for, and what is made inside it must stay so.
+void createObjectDirectory(const fs::path& lib, const fs::path& directory) {
+    fs::path current = lib;
+    for (const fs::path& element : directory.lexically_relative(lib)) {
+        if (element == ".") {
+            continue;
+        }
+        current /= element;
+        if (::mkdir(current.c_str(), 0755) != 0 && errno != EEXIST) {
+            throw std::runtime_error("Unable to create Quor library cache directory '" +
+                                     current.native() + "': " + systemMessage(errno));
+        }
+        struct stat info {};
+        if (::lstat(current.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
+            throw std::runtime_error("Unable to create Quor library cache directory '" +
+                                     current.native() + "': " + systemMessage(ENOTDIR));
+        }
+    }
+}
+
 } // namespace
 
 int Compiler::objectAbiVersion() {
@@ -308,10 +470,12 @@ int Compiler::objectAbiVersion() {
 void Compiler::ensureObjectAbiCacheCurrent() {
     const fs::path lib = Runtime::getInstance().getLibCachePath();
     std::error_code error;
-    fs::create_directories(lib, error);
-    if (error) {
-        throw std::runtime_error("Unable to create Quor library cache '" + lib.native() +
-                                 "': " + error.message());
+    verifyLibraryCache();
+    {
+        PreparedLibraryCache& prepared = preparedLibraryCache();
+        std::lock_guard lock(prepared.mutex);
+        prepared.path = lib;
+        prepared.identity = identityOf(lib);
     }
     const fs::path record = lib / abiRecordName;
     const std::string current = std::to_string(objectAbi);
@@ -360,25 +524,48 @@ void Compiler::precompileSources(
     const std::vector<Unit> units = planUnits(sources);
     const std::string& lib = Runtime::getInstance().getLibCachePath();
 
+    // The library cache must still be the one that was made current, and stay
+    // so until every object is durable; otherwise a readiness marker written
+    // after this call would vouch for objects that are no longer there.
+    verifyLibraryCache();
+    const DirectoryIdentity identity = identityOf(lib);
+    {
+        // Only the build that the last ABI check prepared is judged against it:
+        // the record is used up here, so a later, unrelated call is not.
+        PreparedLibraryCache& prepared = preparedLibraryCache();
+        std::lock_guard lock(prepared.mutex);
+        const bool preparedHere = prepared.path == fs::path(lib) && prepared.identity.exists;
+        const DirectoryIdentity preparedIdentity = prepared.identity;
+        prepared.path.clear();
+        prepared.identity = {};
+        if (preparedHere &&
+            (!(preparedIdentity == identity) ||
+             readAbiRecord(fs::path(lib) / abiRecordName) != std::to_string(objectAbi))) {
+            throw libraryCacheReplaced(lib);
+        }
+    }
+    const std::string recordAtStart = readAbiRecord(fs::path(lib) / abiRecordName);
+
     std::set<fs::path> directories;
     for (const Unit& unit : units) {
         directories.insert(unit.object.parent_path());
     }
     for (const fs::path& directory : directories) {
-        std::error_code error;
-        fs::create_directories(directory, error);
-        if (error) {
-            throw std::runtime_error("Unable to create Quor library cache directory '" +
-                                     directory.native() + "': " + error.message());
-        }
+        createObjectDirectory(lib, directory);
     }
 
     Batch batch(units);
-    std::size_t workers = std::min<std::size_t>(Runtime::getInstance().getJobCount(), units.size());
+    const std::size_t workers = std::min<std::size_t>(
+        {Runtime::getInstance().getJobCount(), units.size(), maxWorkerThreads});
     {
         WorkerPool pool(batch, std::max<std::size_t>(workers, 1));
         std::size_t completed = 0;
         while (completed < units.size()) {
+            if (pool.size() == 0) {
+                // No thread could be started: this one compiles the next unit,
+                // and reports it below like a worker's.
+                batch.runNext();
+            }
             std::unique_lock lock(batch.mutex);
             batch.changed.wait(lock, [&] { return !batch.events.empty() || batch.running == 0; });
             if (batch.events.empty()) {
@@ -406,7 +593,14 @@ void Compiler::precompileSources(
             throw std::runtime_error("Quor precompiler workers stopped before finishing");
         }
     }
+    if (!(identityOf(lib) == identity)) {
+        throw libraryCacheReplaced(lib);
+    }
     syncLibraryCache(lib);
+    if (!(identityOf(lib) == identity) ||
+        readAbiRecord(fs::path(lib) / abiRecordName) != recordAtStart) {
+        throw libraryCacheReplaced(lib);
+    }
 }
 
 } // namespace quor::compiler

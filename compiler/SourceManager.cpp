@@ -7,6 +7,8 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <new>
+#include <stdexcept>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -20,36 +22,46 @@ std::string cacheKey(const std::filesystem::path& file) {
     return (error ? file : absolute).lexically_normal().native();
 }
 
-// The whole regular file at `path`, or an empty handle.
+// The whole regular file at `path`, or an empty handle. Whatever else stands
+// at the path when it is opened (a FIFO swapped in after the library was
+// walked, a device) gives the empty handle at once: the open does not wait for
+// a writer, and nothing but a regular file is read. A file too large for the
+// memory left is unreadable too, rather than an exception that names no unit.
 std::shared_ptr<const std::string> readWholeFile(const std::string& path) {
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
     if (fd < 0) {
         return nullptr;
     }
     std::shared_ptr<std::string> text;
     struct stat status {};
     if (::fstat(fd, &status) == 0 && S_ISREG(status.st_mode)) {
-        text = std::make_shared<std::string>();
-        // The size is a hint only: a file may change while it is read, and the
-        // text is whatever the reads return up to end of file.
-        text->resize(static_cast<std::size_t>(status.st_size) + 1);
-        std::size_t used = 0;
-        for (;;) {
-            if (used == text->size()) {
-                text->resize(text->size() * 2);
+        try {
+            text = std::make_shared<std::string>();
+            // The size is a hint only: a file may change while it is read, and
+            // the text is whatever the reads return up to end of file.
+            text->resize(static_cast<std::size_t>(status.st_size) + 1);
+            std::size_t used = 0;
+            for (;;) {
+                if (used == text->size()) {
+                    text->resize(text->size() * 2);
+                }
+                ssize_t count = ::read(fd, text->data() + used, text->size() - used);
+                if (count > 0) {
+                    used += static_cast<std::size_t>(count);
+                } else if (count == 0) {
+                    break;
+                } else if (errno != EINTR) {
+                    text.reset();
+                    break;
+                }
             }
-            ssize_t count = ::read(fd, text->data() + used, text->size() - used);
-            if (count > 0) {
-                used += static_cast<std::size_t>(count);
-            } else if (count == 0) {
-                break;
-            } else if (errno != EINTR) {
-                text.reset();
-                break;
+            if (text) {
+                text->resize(used);
             }
-        }
-        if (text) {
-            text->resize(used);
+        } catch (const std::bad_alloc&) {
+            text.reset();
+        } catch (const std::length_error&) {
+            text.reset();
         }
     }
     ::close(fd); // read-only descriptor: nothing to lose on a failing close

@@ -21,6 +21,7 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -101,13 +102,28 @@ std::string markerValue(const std::string& line, const std::string& key) {
 // Reads the first lines of a file with plain system calls, exactly as
 // std::getline reads them from a stream: a line ends at a line feed, which is
 // dropped, and a read fails only when the file is already at its end (or
-// cannot be read at all, as a directory cannot). The ready path reads two
-// small files on every compiler start; a stream object costs several times the
-// system calls themselves.
+// cannot be read at all). The ready path reads two small files on every
+// compiler start; a stream object costs several times the system calls
+// themselves.
+//
+// Only a regular file opens. The open does not wait (a FIFO would otherwise
+// block until some writer came), and a FIFO, a device, a socket or a directory
+// then reads as a file that is not there. A line longer than kMaxLineLength
+// fails the read instead of growing without end: no marker line or fingerprint
+// line of that length can certify anything, and a huge sparse file or a link
+// to /dev/zero must be judged as fast as any other.
 class LineReader {
 public:
+    static constexpr std::size_t kMaxLineLength = 64 * 1024;
+
     explicit LineReader(const std::string& path)
-        : fd_(::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {}
+        : fd_(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)) {
+        struct stat status {};
+        if (fd_ >= 0 && (::fstat(fd_, &status) != 0 || !S_ISREG(status.st_mode))) {
+            ::close(fd_); // opened read-only: closing cannot lose anything
+            fd_ = -1;
+        }
+    }
     ~LineReader() {
         if (fd_ >= 0) {
             ::close(fd_); // opened read-only: closing cannot lose anything
@@ -125,12 +141,19 @@ public:
             const char* begin = buffer_ + position_;
             const auto* newline =
                 static_cast<const char*>(std::memchr(begin, '\n', size_ - position_));
+            const char* end = newline != nullptr ? newline : buffer_ + size_;
+            if (line.size() + static_cast<std::size_t>(end - begin) > kMaxLineLength) {
+                // Nothing after an over-long line is read either.
+                position_ = size_ = 0;
+                ::close(fd_); // opened read-only: closing cannot lose anything
+                fd_ = -1;
+                return false;
+            }
+            line.append(begin, end);
             if (newline != nullptr) {
-                line.append(begin, newline);
                 position_ = static_cast<std::size_t>(newline - buffer_) + 1;
                 return true;
             }
-            line.append(begin, size_ - position_);
             position_ = size_;
             extracted = true;
         }
@@ -140,7 +163,7 @@ public:
 private:
     // A read error ends the file as its end would: what was read so far counts.
     bool fill() {
-        while (true) {
+        while (fd_ >= 0) {
             const ssize_t count = ::read(fd_, buffer_, sizeof buffer_);
             if (count < 0 && errno == EINTR) {
                 continue;
@@ -152,6 +175,7 @@ private:
             size_ = static_cast<std::size_t>(count);
             return true;
         }
+        return false;
     }
 
     int fd_;

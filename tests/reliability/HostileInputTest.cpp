@@ -141,8 +141,10 @@ TEST_F(HostileInput, UnreadableLibraryFolderIsSkippedAndTheRestIsBuilt) {
     fs::create_directories(hidden);
     writeFile(hidden / "Hidden.qr", "package secret\n\npublic class Hidden {\n}\n");
     fs::permissions(hidden, fs::perms::owner_all, fs::perm_options::replace);
+    // The unprivileged user's own cache root: one that others may write to
+    // would be refused before the walk.
     fs::create_directories(cache);
-    fs::permissions(cache, fs::perms::all, fs::perm_options::replace);
+    ASSERT_EQ(::chown(cache.c_str(), 65534, 65534), 0);
     const int status = runAsNobody([&] {
         const compiler::StandardLibraryBootstrapResult result =
             StandardLibraryBootstrap::ensure({});
@@ -262,7 +264,7 @@ TEST_F(HostileInput, HundredMebibyteUnitIsCompiled) {
     EXPECT_TRUE(markerValid(cache, fingerprint));
 }
 
-TEST_F(HostileInput, ToolReportsAFailureWithExitStatusOneAndTheUnitsMessage) {
+TEST_F(HostileInput, ToolRefusesAFileAsCacheRootWithExitStatusOne) {
     if (toolPath().empty()) {
         GTEST_SKIP() << "this build has no quor-stdlib tool";
     }
@@ -271,11 +273,12 @@ TEST_F(HostileInput, ToolReportsAFailureWithExitStatusOneAndTheUnitsMessage) {
         runTool({"--stdlib", library.string(), "--cache-root", cache.string(), "ensure"},
                 scratch.path() / "tool.log");
     EXPECT_EQ(run.status, 1);
-    const fs::path lockDirectory = cache / ".first-launch" / QUOR_COMPILER_VERSION;
-    EXPECT_NE(run.output.find("quor-stdlib: error: Unable to create Quor cache root '" +
-                              lockDirectory.native() + "': Not a directory"),
+    EXPECT_NE(run.output.find("quor-stdlib: error: Refusing to use Quor cache root '" +
+                              cache.native() + "': '" + cache.native() +
+                              "' is not a directory; remove it or choose another cache root\n"),
               std::string::npos)
         << run.output;
+    EXPECT_EQ(readFile(cache), "not a directory");
 }
 
 } // namespace

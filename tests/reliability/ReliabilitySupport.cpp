@@ -69,7 +69,7 @@ std::string readFile(const fs::path& file) {
     return std::string(std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>());
 }
 
-int runAsNobody(const std::function<int()>& check) {
+pid_t startAsNobody(const std::function<int()>& work) {
     const pid_t child = ::fork();
     if (child < 0) {
         throw std::runtime_error("fork failed");
@@ -81,12 +81,17 @@ int runAsNobody(const std::function<int()>& check) {
         }
         int status = 255;
         try {
-            status = check();
+            status = work();
         } catch (...) {
             status = 255;
         }
         ::_exit(status);
     }
+    return child;
+}
+
+int runAsNobody(const std::function<int()>& check) {
+    const pid_t child = startAsNobody(check);
     int status = 0;
     while (::waitpid(child, &status, 0) < 0) {
     }

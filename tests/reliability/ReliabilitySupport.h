@@ -11,6 +11,8 @@
 #ifndef QUOR_TESTS_RELIABILITY_RELIABILITYSUPPORT_H
 #define QUOR_TESTS_RELIABILITY_RELIABILITYSUPPORT_H
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -55,6 +57,12 @@ std::string readFile(const std::filesystem::path& file);
 // threw, or 128 + signal when it died). Root passes every permission check, so
 // permission behaviour can only be observed this way.
 int runAsNobody(const std::function<int()>& check);
+
+// Starts `work` in a forked child that has dropped to uid and gid 65534 and
+// returns the child's pid at once, for an unprivileged process that has to act
+// while something else runs. The child exits with the value `work` returned,
+// 255 when it threw, or 254 when it could not drop its privileges.
+pid_t startAsNobody(const std::function<int()>& work);
 
 } // namespace quor::reliability
 

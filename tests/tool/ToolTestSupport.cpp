@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -29,22 +30,6 @@ namespace quor::tooltest {
 
 namespace {
 
-std::vector<std::string> childEnvironment(const fs::path& home) {
-    std::vector<std::string> result;
-    for (char** entry = environ; *entry != nullptr; ++entry) {
-        const std::string_view text(*entry);
-        if (text.starts_with("QUOR_") || text.starts_with("NO_COLOR=") ||
-            text.starts_with("HOME=") || text.starts_with("XDG_CACHE_HOME=") ||
-            text.starts_with("TERM="))
-            continue;
-        result.emplace_back(text);
-    }
-    result.push_back("NO_COLOR=1");
-    result.push_back("TERM=xterm");
-    result.push_back("HOME=" + home.string());
-    return result;
-}
-
 // Builds argv and envp before fork, so that the child only calls execve.
 struct ExecArguments {
     std::vector<std::string> argumentText;
@@ -53,7 +38,7 @@ struct ExecArguments {
     std::vector<char*> envp;
 
     ExecArguments(const std::vector<std::string>& arguments, const fs::path& home)
-        : environmentText(childEnvironment(home)) {
+        : environmentText(toolEnvironment(home)) {
         argumentText.push_back(QUOR_STDLIB_TOOL_PATH);
         argumentText.insert(argumentText.end(), arguments.begin(), arguments.end());
         for (auto& text : argumentText)
@@ -74,6 +59,28 @@ int decodeStatus(int status) {
 }
 
 } // namespace
+
+std::vector<std::string> toolEnvironment(const fs::path& home,
+                                         const std::vector<std::string>& extra) {
+    std::vector<std::string> result;
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        const std::string_view text(*entry);
+        // A variable given in `extra` replaces the inherited one.
+        const auto named = [&text](const std::string& variable) {
+            return text.starts_with(variable.substr(0, variable.find('=') + 1));
+        };
+        if (text.starts_with("QUOR_") || text.starts_with("NO_COLOR=") ||
+            text.starts_with("HOME=") || text.starts_with("XDG_CACHE_HOME=") ||
+            text.starts_with("TERM=") || std::any_of(extra.begin(), extra.end(), named))
+            continue;
+        result.emplace_back(text);
+    }
+    result.push_back("NO_COLOR=1");
+    result.push_back("TERM=xterm");
+    result.push_back("HOME=" + home.string());
+    result.insert(result.end(), extra.begin(), extra.end());
+    return result;
+}
 
 void writeFile(const fs::path& path, const std::string& text) {
     fs::create_directories(path.parent_path());

@@ -51,6 +51,12 @@ private:
     fs::path path_;
 };
 
+// The environment the tool runs with in these tests: the caller's, without
+// QUOR_* variables, with NO_COLOR set, TERM=xterm, HOME pointing at `home`,
+// then `extra` ("NAME=value"), which replaces an inherited variable of that name.
+std::vector<std::string> toolEnvironment(const fs::path& home,
+                                         const std::vector<std::string>& extra = {});
+
 struct ToolRun {
     int status = -1; // exit status, or 128 + signal number
     std::string out;

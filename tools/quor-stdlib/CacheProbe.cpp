@@ -10,9 +10,12 @@
 
 #include <algorithm>
 #include <cctype>
-#include <fstream>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
 #include <stdexcept>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #ifndef QUOR_COMPILER_VERSION
 #error "QUOR_COMPILER_VERSION must be defined by the build"
@@ -47,6 +50,153 @@ std::string markerValue(const std::string& line, const std::string& key) {
 
 bool isHexDigit(char c) {
     return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
+}
+
+// The bootstrap's reading of the marker and the fingerprint files: only a
+// regular file opens, and the open never waits (a FIFO opens at once and then
+// counts as no file); lines end at a line feed, which is dropped, and a read
+// error ends the file as its end would. A line longer than maxLineLength fails
+// its read, so that a huge or endless file is judged at once, in bounded
+// memory. Unlike the bootstrap, it keeps what a diagnosis needs: what the path
+// is when it is not a regular file, and why a read failed.
+class LineFile {
+public:
+    static constexpr std::size_t maxLineLength = 64 * 1024;
+
+    enum class Read {
+        Line,    // `line` holds the next line
+        End,     // the file ended before another line began
+        TooLong, // the next line is longer than maxLineLength; nothing more is read
+    };
+
+    explicit LineFile(const fs::path& path)
+        : fd_(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)) {
+        if (fd_ < 0) {
+            openError_ = errno;
+            return;
+        }
+        struct stat status {};
+        if (::fstat(fd_, &status) != 0) {
+            openError_ = errno;
+            close();
+            return;
+        }
+        type_ = status.st_mode & S_IFMT;
+        if (!S_ISREG(status.st_mode))
+            close();
+    }
+    ~LineFile() { close(); }
+    LineFile(const LineFile&) = delete;
+    LineFile& operator=(const LineFile&) = delete;
+
+    // True for a regular file that could be opened.
+    bool isOpen() const { return fd_ >= 0; }
+    // The errno of a failed open, else 0.
+    int openError() const { return openError_; }
+    // The file type bits (S_IFMT) of what was opened, else 0.
+    mode_t type() const { return type_; }
+    // True when some read failed with an error rather than at the end.
+    bool readFailed() const { return readFailed_; }
+
+    Read readLine(std::string& line) {
+        line.clear();
+        bool extracted = false;
+        while (position_ < size_ || fill()) {
+            const char* begin = buffer_ + position_;
+            const auto* newline =
+                static_cast<const char*>(std::memchr(begin, '\n', size_ - position_));
+            const char* end = newline != nullptr ? newline : buffer_ + size_;
+            if (line.size() + static_cast<std::size_t>(end - begin) > maxLineLength) {
+                position_ = size_ = 0;
+                close();
+                return Read::TooLong;
+            }
+            line.append(begin, end);
+            if (newline != nullptr) {
+                position_ = static_cast<std::size_t>(newline - buffer_) + 1;
+                return Read::Line;
+            }
+            position_ = size_;
+            extracted = true;
+        }
+        return extracted ? Read::Line : Read::End;
+    }
+
+private:
+    bool fill() {
+        while (fd_ >= 0) {
+            const ssize_t count = ::read(fd_, buffer_, sizeof buffer_);
+            if (count < 0 && errno == EINTR)
+                continue;
+            if (count < 0)
+                readFailed_ = true;
+            if (count <= 0)
+                return false;
+            position_ = 0;
+            size_ = static_cast<std::size_t>(count);
+            return true;
+        }
+        return false;
+    }
+
+    void close() {
+        if (fd_ >= 0)
+            ::close(fd_); // opened read-only: closing cannot lose anything
+        fd_ = -1;
+    }
+
+    int fd_;
+    int openError_ = 0;
+    mode_t type_ = 0;
+    bool readFailed_ = false;
+    char buffer_[512];
+    std::size_t position_ = 0;
+    std::size_t size_ = 0;
+};
+
+// "a FIFO", "a character device", ... for a file that is not a regular file.
+std::string_view fileKindName(mode_t type) {
+    switch (type) {
+    case S_IFIFO:
+        return "a FIFO";
+    case S_IFCHR:
+        return "a character device";
+    case S_IFBLK:
+        return "a block device";
+    case S_IFSOCK:
+        return "a socket";
+    case S_IFDIR:
+        return "a directory";
+    default:
+        return {};
+    }
+}
+
+// The same for what fs::status saw, used when the path could not be opened
+// (a socket cannot be).
+mode_t fileTypeBits(fs::file_type type) {
+    switch (type) {
+    case fs::file_type::fifo:
+        return S_IFIFO;
+    case fs::file_type::character:
+        return S_IFCHR;
+    case fs::file_type::block:
+        return S_IFBLK;
+    case fs::file_type::socket:
+        return S_IFSOCK;
+    case fs::file_type::directory:
+        return S_IFDIR;
+    case fs::file_type::regular:
+        return S_IFREG;
+    default:
+        return 0;
+    }
+}
+
+std::string notRegularFileDetail(mode_t type) {
+    const std::string_view kind = fileKindName(type);
+    return kind.empty() ? std::string("the marker is not a regular file")
+                        : "the marker is not a regular file (" + std::string(kind) + ")";
 }
 
 // Mirrors the bootstrap's header test: excluded only when the first header line
@@ -96,11 +246,11 @@ std::string_view fingerprintSourceName(FingerprintSource source) {
 }
 
 std::string readFingerprintFile(const fs::path& file) {
-    std::ifstream stream(file);
-    if (!stream)
+    LineFile reader(file);
+    if (!reader.isOpen())
         return {};
     std::string line;
-    if (!std::getline(stream, line))
+    if (reader.readLine(line) != LineFile::Read::Line)
         return {};
     line = trim(std::move(line));
     if (line.size() != 64 || !std::all_of(line.begin(), line.end(), isHexDigit))
@@ -145,8 +295,9 @@ CachePaths currentPaths() {
     paths.libraryCache = runtime.getLibCachePath();
     paths.cacheRoot = paths.cacheBranch.parent_path();
     const std::string leaf = paths.libraryCache.filename().string();
-    const fs::path versionState =
-        paths.cacheRoot / ".first-launch" / std::string(compilerVersion());
+    paths.firstLaunch = paths.cacheRoot / ".first-launch";
+    paths.versionState = paths.firstLaunch / std::string(compilerVersion());
+    const fs::path& versionState = paths.versionState;
     paths.stateDirectory = versionState / leaf;
     paths.marker = paths.stateDirectory / ".quor-stdlib-ready";
     paths.lockFile =
@@ -185,22 +336,42 @@ MarkerDiagnosis diagnoseMarker(const fs::path& marker, const Identity& identity)
         diagnosis.detail = "cannot examine the marker: " + error.message();
         return diagnosis;
     }
-    if (status.type() == fs::file_type::directory) {
-        diagnosis.verdict = MarkerVerdict::Unreadable;
-        diagnosis.detail = "the marker path is a directory";
-        return diagnosis;
-    }
-    std::ifstream stream(marker);
-    if (!stream) {
-        diagnosis.verdict = MarkerVerdict::Unreadable;
-        diagnosis.detail = "the marker cannot be opened for reading";
+    // What the path is, judged on what was opened: it may have changed since
+    // the look above.
+    LineFile reader(marker);
+    if (!reader.isOpen()) {
+        const mode_t type = reader.type() != 0 ? reader.type() : fileTypeBits(status.type());
+        if (reader.type() == 0 && reader.openError() == ENOENT) {
+            diagnosis.verdict = MarkerVerdict::Missing;
+            diagnosis.detail = "no readiness marker";
+        } else if (type == S_IFDIR) {
+            diagnosis.verdict = MarkerVerdict::Unreadable;
+            diagnosis.detail = "the marker path is a directory";
+        } else if (type != S_IFREG && type != 0) {
+            diagnosis.verdict = MarkerVerdict::Unreadable;
+            diagnosis.detail = notRegularFileDetail(type);
+        } else {
+            diagnosis.verdict = MarkerVerdict::Unreadable;
+            diagnosis.detail = "the marker cannot be opened for reading";
+        }
         return diagnosis;
     }
     std::string lines[5];
     int count = 0;
-    while (count < 5 && std::getline(stream, lines[count]))
+    while (count < 5) {
+        const LineFile::Read read = reader.readLine(lines[count]);
+        if (read == LineFile::Read::TooLong) {
+            diagnosis.verdict = MarkerVerdict::Malformed;
+            diagnosis.detail = "line " + std::to_string(count + 1) +
+                               " of the marker is longer than " +
+                               std::to_string(LineFile::maxLineLength) + " bytes";
+            return diagnosis;
+        }
+        if (read == LineFile::Read::End)
+            break;
         ++count;
-    if (count == 0 && stream.bad()) {
+    }
+    if (count == 0 && reader.readFailed()) {
         diagnosis.verdict = MarkerVerdict::Unreadable;
         diagnosis.detail = "the marker cannot be read";
         return diagnosis;
@@ -229,7 +400,8 @@ MarkerDiagnosis diagnoseMarker(const fs::path& marker, const Identity& identity)
     return diagnosis;
 }
 
-std::vector<std::string> compilableUnits(const fs::path& root) {
+std::vector<std::string> compilableUnits(const fs::path& root,
+                                         std::vector<UnreachableEntry>* unreachable) {
     std::vector<std::string> units;
     std::error_code error;
     fs::recursive_directory_iterator it(root, fs::directory_options::skip_permission_denied, error);
@@ -239,14 +411,32 @@ std::vector<std::string> compilableUnits(const fs::path& root) {
         const fs::directory_entry& entry = *it;
         std::error_code entryError;
         const auto own = entry.symlink_status(entryError);
-        if (!entryError && own.type() == fs::file_type::regular &&
-            entry.path().extension() == fs::path(".qr") && !isExcludedByHeader(entry.path()))
+        const bool isUnit = entry.path().extension() == fs::path(".qr");
+        if (!entryError && own.type() == fs::file_type::regular && isUnit &&
+            !isExcludedByHeader(entry.path()))
             units.push_back(entry.path().lexically_normal().string());
+        if (unreachable != nullptr) {
+            // The walk skips both in silence; only `status` says so.
+            if (entryError && isUnit && entryError != std::errc::no_such_file_or_directory)
+                unreachable->push_back({entry.path(), entryError.message()});
+            if (!entryError && own.type() == fs::file_type::directory) {
+                const int fd =
+                    ::open(entry.path().c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+                if (fd >= 0)
+                    ::close(fd); // opened only to see whether the walk can
+                else if (errno == EACCES)
+                    unreachable->push_back({entry.path(), std::strerror(EACCES)});
+            }
+        }
         it.increment(error);
         if (error)
             throw enumerationError(root, error);
     }
     std::sort(units.begin(), units.end());
+    if (unreachable != nullptr)
+        std::sort(
+            unreachable->begin(), unreachable->end(),
+            [](const UnreachableEntry& a, const UnreachableEntry& b) { return a.path < b.path; });
     return units;
 }
 

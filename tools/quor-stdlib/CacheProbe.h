@@ -8,8 +8,11 @@
 // tab, CR and LF, exactly 64 hexadecimal digits, lower-cased; installed file
 // first, then the build tree's, then "version-<v>-abi-<n>"), the state layout
 // below the cache root, the marker's five positional lines, and the choice of
-// compilable units. Whether the cache is ready is still asked of the bootstrap's
-// own StandardLibraryCacheState; the diagnosis only explains its answer.
+// compilable units. Both files are read as the bootstrap reads them: only a
+// regular file counts (a FIFO, a device or a socket reads as no file, without
+// waiting), and a line longer than 64 KiB fails its read. Whether the cache is
+// ready is still asked of the bootstrap's own StandardLibraryCacheState; the
+// diagnosis only explains its answer.
 
 #ifndef QUOR_TOOLS_QUOR_STDLIB_CACHEPROBE_H
 #define QUOR_TOOLS_QUOR_STDLIB_CACHEPROBE_H
@@ -43,13 +46,17 @@ struct CachePaths {
     std::filesystem::path cacheRoot;      // parent of the cache branch
     std::filesystem::path cacheBranch;    // <root>/<version>
     std::filesystem::path libraryCache;   // <branch>/lib
+    std::filesystem::path firstLaunch;    // <root>/.first-launch
+    std::filesystem::path versionState;   // <root>/.first-launch/<version>
     std::filesystem::path stateDirectory; // <root>/.first-launch/<version>/<lib leaf>
     std::filesystem::path marker;         // <state directory>/.quor-stdlib-ready
     std::filesystem::path lockFile; // <root>/.first-launch/<version>/.stdlib-bootstrap-<leaf>.lock
 };
 
 // The fingerprint in `file` under the bootstrap's rules, or "" when the file
-// gives none. Never throws for file trouble.
+// gives none (missing, not a regular file, first line not 64 hexadecimal
+// digits or longer than 64 KiB). Never blocks, and never throws for file
+// trouble.
 std::string readFingerprintFile(const std::filesystem::path& file);
 
 // The build tree whose generated fingerprint the bootstrap falls back to.
@@ -65,8 +72,8 @@ CachePaths currentPaths();
 enum class MarkerVerdict {
     Valid,      // every line matches the identity
     Missing,    // no marker file
-    Unreadable, // the file exists but cannot be opened or read
-    Malformed,  // fewer than five lines, or a wrong first line
+    Unreadable, // the path exists but is not a regular file, or cannot be opened or read
+    Malformed,  // fewer than five lines, a wrong first line, or a line over 64 KiB
     Mismatch,   // well-formed, but recorded for another identity
 };
 
@@ -87,13 +94,24 @@ struct MarkerDiagnosis {
 
 // Reads the marker at `marker` the way the bootstrap validates it, but keeps
 // going past the first difference so that every differing field is reported.
+// Never blocks, and reads at most five lines of at most 64 KiB each.
 MarkerDiagnosis diagnoseMarker(const std::filesystem::path& marker, const Identity& identity);
+
+// Something below the library root that the bootstrap's walk passes over in
+// silence: a ".qr" unit whose status cannot be read (its path is longer than
+// the system allows, say) or a folder that may not be read.
+struct UnreachableEntry {
+    std::filesystem::path path;
+    std::string reason; // the system's text: "File name too long", "Permission denied"
+};
 
 // The units a build would hand to the precompiler, sorted as the bootstrap sorts
 // them: regular ".qr" files below `root` (symbolic links skipped) except those
-// whose own type header is generic. Throws std::runtime_error with the
-// bootstrap's enumeration message when the walk fails.
-std::vector<std::string> compilableUnits(const std::filesystem::path& root);
+// whose own type header is generic. When `unreachable` is given, what the walk
+// passes over is added to it. Throws std::runtime_error with the bootstrap's
+// enumeration message when the walk fails.
+std::vector<std::string> compilableUnits(const std::filesystem::path& root,
+                                         std::vector<UnreachableEntry>* unreachable = nullptr);
 
 // Bytes allocated on disk for `path` and everything below it, counted like du:
 // links are not followed and entries that cannot be examined count as zero.

@@ -95,8 +95,13 @@ std::string_view exitStatusHelp() {
            "  1    the operation failed (the reason follows \"quor-stdlib: error:\"),\n"
            "       `ensure --timeout` gave up waiting for the build lock, or\n"
            "       `status --check` found that a build is needed\n"
-           "  2    usage error: unknown subcommand or option, missing or bad value\n"
-           "  130  interrupted (Ctrl-C); a build cut short leaves no readiness marker\n";
+           "  2    usage error: unknown subcommand or option, missing or bad value,\n"
+           "       or a QUOR_JOBS that `ensure` would use but is not a worker count\n"
+           "  129  `ensure` stopped by SIGHUP (the terminal went away), as for 130\n"
+           "  130  interrupted (Ctrl-C); a build cut short leaves no readiness marker\n"
+           "  141  done, but standard output was closed before everything was written\n"
+           "       (one line on standard error says so); a failure keeps its own status\n"
+           "  143  `ensure` stopped by SIGTERM, as for 130\n";
 }
 
 std::string_view environmentHelp() {
@@ -104,7 +109,8 @@ std::string_view environmentHelp() {
            "  QUOR_STDLIB_PATH  standard-library root; default: share/quor/stdlib beside\n"
            "                    the installed program, or the source tree's stdlib/\n"
            "  QUOR_CACHE_DIR    cache root; default: $XDG_CACHE_HOME/quor, else ~/.cache/quor\n"
-           "  QUOR_JOBS         precompiler worker threads; default: one per hardware thread\n"
+           "  QUOR_JOBS         precompiler worker threads, at most 256; default: one per\n"
+           "                    hardware thread\n"
            "  NO_COLOR          when set and not empty, --color auto prints no colour\n";
 }
 

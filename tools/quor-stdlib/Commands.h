@@ -16,11 +16,15 @@ class Console;
 
 // Exit statuses, the same for every subcommand. `help` prints them.
 enum ExitStatus : int {
-    ExitSuccess = 0,       // done; for `status --check`: the cache is ready
-    ExitFailure = 1,       // the operation failed, a lock wait timed out, or
-                           // `status --check` found that a build is needed
-    ExitUsage = 2,         // the command line could not be understood
-    ExitInterrupted = 130, // interrupted by SIGINT (Ctrl-C); no marker was written
+    ExitSuccess = 0,        // done; for `status --check`: the cache is ready
+    ExitFailure = 1,        // the operation failed, a lock wait timed out, or
+                            // `status --check` found that a build is needed
+    ExitUsage = 2,          // the command line could not be understood
+    ExitHangup = 129,       // SIGHUP (128 + 1): the terminal went away; stopped like Ctrl-C
+    ExitInterrupted = 130,  // interrupted by SIGINT (Ctrl-C); no marker was written
+    ExitOutputClosed = 141, // the operation succeeded, but standard output was closed
+                            // (128 + SIGPIPE, the status a shell would have shown)
+    ExitTerminated = 143,   // SIGTERM (128 + 15); stopped like Ctrl-C
 };
 
 enum class ColorMode { Auto, Always, Never };

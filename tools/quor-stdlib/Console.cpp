@@ -91,11 +91,97 @@ std::string Console::paintErr(std::string_view text, Color color) const {
 }
 
 void Console::error(std::string_view message) {
-    err_ << "quor-stdlib: " << paintErr("error:", Color::Red) << ' ' << message << std::endl;
+    err_ << "quor-stdlib: " << paintErr("error:", Color::Red) << ' ' << visible(message)
+         << std::endl;
 }
 
 void Console::note(std::string_view message) {
-    err_ << "quor-stdlib: " << message << std::endl;
+    err_ << "quor-stdlib: " << visible(message) << std::endl;
+}
+
+bool Console::outLost() {
+    out_.flush();
+    return out_.fail();
+}
+
+int Console::finish(int status, std::string_view outcome) {
+    if (status != ExitSuccess || !outLost())
+        return status;
+    note("standard output was closed; " + std::string(outcome));
+    return ExitOutputClosed;
+}
+
+namespace {
+
+// The length of the well-formed UTF-8 sequence at the start of `text` that
+// encodes a character other than a C1 control, or 0. Overlong forms,
+// surrogates and code points above U+10FFFF are not well-formed.
+std::size_t printableSequence(std::string_view text) {
+    const auto byte = [&text](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+    const unsigned char lead = byte(0);
+    std::size_t length = 0;
+    unsigned char low = 0x80, high = 0xBF; // the allowed range of the second byte
+    if (lead >= 0xC2 && lead <= 0xDF)
+        length = 2;
+    else if (lead >= 0xE0 && lead <= 0xEF)
+        length = 3;
+    else if (lead >= 0xF0 && lead <= 0xF4)
+        length = 4;
+    else
+        return 0;
+    if (lead == 0xE0)
+        low = 0xA0;
+    else if (lead == 0xED)
+        high = 0x9F;
+    else if (lead == 0xF0)
+        low = 0x90;
+    else if (lead == 0xF4)
+        high = 0x8F;
+    if (text.size() < length || byte(1) < low || byte(1) > high)
+        return 0;
+    for (std::size_t i = 2; i < length; ++i)
+        if (byte(i) < 0x80 || byte(i) > 0xBF)
+            return 0;
+    if (lead == 0xC2 && byte(1) <= 0x9F)
+        return 0; // U+0080 to U+009F: C1 controls, which terminals obey
+    return length;
+}
+
+} // namespace
+
+std::string visible(std::string_view text) {
+    static const char digits[] = "0123456789abcdef";
+    std::string result;
+    result.reserve(text.size());
+    std::size_t i = 0;
+    while (i < text.size()) {
+        const auto byte = static_cast<unsigned char>(text[i]);
+        if (byte >= 0x20 && byte < 0x7F) {
+            result += static_cast<char>(byte);
+            ++i;
+            continue;
+        }
+        if (const std::size_t length = printableSequence(text.substr(i))) {
+            result.append(text.substr(i, length));
+            i += length;
+            continue;
+        }
+        if (byte == 0xC2 && i + 1 < text.size()) {
+            const auto next = static_cast<unsigned char>(text[i + 1]);
+            if (next >= 0x80 && next <= 0x9F) {
+                result += "\\u00";
+                result += digits[next >> 4];
+                result += digits[next & 0xF];
+                i += 2;
+                continue;
+            }
+        }
+        result += "\\x";
+        result += digits[byte >> 4];
+        result += digits[byte & 0xF];
+        ++i;
+    }
+    return result;
 }
 
 std::string formatBytes(std::uint64_t bytes) {

@@ -39,10 +39,23 @@ public:
     std::string paintOut(std::string_view text, Color color) const;
     std::string paintErr(std::string_view text, Color color) const;
 
-    // "quor-stdlib: error: <message>" on standard error.
+    // "quor-stdlib: error: <message>" on standard error, the message passed
+    // through visible(): messages carry paths and words from outside.
     void error(std::string_view message);
-    // "quor-stdlib: <message>" on standard error.
+    // "quor-stdlib: <message>" on standard error, likewise made visible.
     void note(std::string_view message);
+
+    // Flushes standard output and tells whether something written to it was
+    // lost: its reader went away (main() catches SIGPIPE, so the write fails
+    // with EPIPE instead of ending the process) or the write failed otherwise.
+    // Later writes to a lost stream are dropped without a word.
+    bool outLost();
+
+    // What a handler returns when it is done. A success whose output was lost
+    // becomes ExitOutputClosed, after "standard output was closed; <outcome>"
+    // on standard error, so that the loss is never silent; any other status
+    // is returned unchanged, since its own message already says what happened.
+    int finish(int status, std::string_view outcome);
 
 private:
     Console(std::ostream& out, std::ostream& err, bool errIsTerminal, bool colorOut, bool colorErr);
@@ -53,6 +66,13 @@ private:
     bool colorOut_ = false;
     bool colorErr_ = false;
 };
+
+// `text` made safe to print on a terminal: ASCII control characters and DEL
+// become "\x1b", C1 control characters (U+0080 to U+009F) "\u009b", and each
+// byte that is not part of well-formed UTF-8 "\xff". Printable ASCII and
+// other well-formed UTF-8 are kept. The result is printable ASCII or UTF-8
+// only, so applying it again changes nothing.
+std::string visible(std::string_view text);
 
 // "512 B", "12.0 KiB", "3.4 MiB", "1.2 GiB".
 std::string formatBytes(std::uint64_t bytes);

@@ -10,11 +10,19 @@
 // would be lost. Ctrl-C sets a flag: during the lock wait it interrupts the
 // wait the same way; during the build the progress callback throws, the
 // precompiler stops its workers, and the bootstrap leaves without a marker.
-// SIGINT is blocked in the worker (and so in the precompiler's threads, which
-// inherit its mask), so it always reaches this thread's handler. The handler
-// resets itself: a second Ctrl-C ends the process at once, and the kernel
+// SIGTERM and SIGHUP do the same as Ctrl-C, with an exit status of their own.
+// They are blocked in the worker (and so in the precompiler's threads, which
+// inherit its mask), so they always reach this thread's handler. The handler
+// resets itself: a second signal ends the process at once, and the kernel
 // releases the lock with it.
+//
+// When no thread can be started (RLIMIT_NPROC, memory), this thread runs the
+// bootstrap itself and draws each report from the callback. The wait for the
+// lock is then ended by SIGALRM, from a timer armed for the --timeout deadline
+// or by the stop signal's handler, repeated every 100 ms for the same reason
+// as SIGUSR1 above.
 
+#include "CacheGuard.h"
 #include "CacheProbe.h"
 #include "Commands.h"
 #include "Console.h"
@@ -27,15 +35,20 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <csignal>
 #include <deque>
 #include <exception>
+#include <iterator>
 #include <mutex>
 #include <optional>
 #include <pthread.h>
+#include <sys/time.h>
+#include <system_error>
 #include <thread>
 #include <unistd.h>
 
@@ -49,46 +62,96 @@ using compiler::StandardLibraryBootstrapProgress;
 using compiler::StandardLibraryBootstrapResult;
 using compiler::StandardLibraryBootstrapStage;
 
-// Written by the SIGINT handler on the watching thread, read by both threads.
+// Written by the handler of SIGINT, SIGTERM and SIGHUP on the watching thread,
+// read by both threads. interruptSignal keeps the first of those signals: it
+// decides the message and the exit status.
 std::atomic<bool> interruptRequested{false};
+std::atomic<int> interruptSignal{0};
+// True while the bootstrap runs on this thread and has not taken the lock:
+// nobody else is there to end its wait, so the stop signal arms the timer.
+std::atomic<bool> waitingInline{false};
 static_assert(std::atomic<bool>::is_always_lock_free, "used from a signal handler");
+static_assert(std::atomic<int>::is_always_lock_free, "used from a signal handler");
 
-extern "C" void onInterrupt(int) {
-    interruptRequested.store(true);
+// SIGALRM after `first`, then every 100 ms until it is disarmed with zero.
+void setWakeTimer(std::chrono::microseconds first) {
+    itimerval timer{};
+    timer.it_value.tv_sec = static_cast<time_t>(first.count() / 1000000);
+    timer.it_value.tv_usec = static_cast<suseconds_t>(first.count() % 1000000);
+    if (first.count() > 0)
+        timer.it_interval.tv_usec = 100000;
+    setitimer(ITIMER_REAL, &timer, nullptr);
 }
 
-// Does nothing: its only purpose is to make the worker's flock() return EINTR.
+extern "C" void onInterrupt(int signal) {
+    const int savedErrno = errno;
+    int none = 0;
+    interruptSignal.compare_exchange_strong(none, signal);
+    interruptRequested.store(true);
+    if (waitingInline.load())
+        setWakeTimer(std::chrono::milliseconds(1));
+    errno = savedErrno;
+}
+
+// Does nothing: its only purpose is to make a waiting flock() return EINTR.
 extern "C" void onWake(int) {}
+
+// The exit status and the words for the signal that stopped ensure. Ctrl-C is
+// plain "interrupted", as people know it.
+int interruptStatus(int signal) {
+    return signal == SIGTERM ? ExitTerminated : signal == SIGHUP ? ExitHangup : ExitInterrupted;
+}
+
+std::string interruptedBy(int signal) {
+    return signal == SIGTERM  ? "interrupted by SIGTERM"
+           : signal == SIGHUP ? "interrupted by SIGHUP"
+                              : "interrupted";
+}
+
+std::string_view signalName(int signal) {
+    return signal == SIGTERM ? "SIGTERM" : signal == SIGHUP ? "SIGHUP" : "SIGINT";
+}
 
 // Thrown from the progress callback after Ctrl-C; never leaves this file.
 struct BuildInterrupted {};
 
-// Installs the two handlers for the duration of one ensure run.
+constexpr int stopSignals[] = {SIGINT, SIGTERM, SIGHUP};
+constexpr int wakeSignals[] = {SIGUSR1, SIGALRM};
+
+// Installs the handlers for the duration of one ensure run.
 class SignalHandlers {
 public:
     SignalHandlers() {
         interruptRequested.store(false);
+        interruptSignal.store(0);
+        waitingInline.store(false);
+        // No SA_RESTART anywhere: an interrupted flock() must fail.
         struct sigaction interrupt {};
         interrupt.sa_handler = onInterrupt;
         sigemptyset(&interrupt.sa_mask);
         interrupt.sa_flags = SA_RESETHAND;
-        sigaction(SIGINT, &interrupt, &previousInterrupt_);
+        for (std::size_t i = 0; i < std::size(stopSignals); ++i)
+            sigaction(stopSignals[i], &interrupt, &previousStop_[i]);
         struct sigaction wake {};
         wake.sa_handler = onWake;
         sigemptyset(&wake.sa_mask);
-        wake.sa_flags = 0; // no SA_RESTART: the interrupted flock() must fail
-        sigaction(SIGUSR1, &wake, &previousWake_);
+        wake.sa_flags = 0;
+        for (std::size_t i = 0; i < std::size(wakeSignals); ++i)
+            sigaction(wakeSignals[i], &wake, &previousWake_[i]);
     }
     ~SignalHandlers() {
-        sigaction(SIGINT, &previousInterrupt_, nullptr);
-        sigaction(SIGUSR1, &previousWake_, nullptr);
+        setWakeTimer(std::chrono::microseconds(0));
+        for (std::size_t i = 0; i < std::size(stopSignals); ++i)
+            sigaction(stopSignals[i], &previousStop_[i], nullptr);
+        for (std::size_t i = 0; i < std::size(wakeSignals); ++i)
+            sigaction(wakeSignals[i], &previousWake_[i], nullptr);
     }
     SignalHandlers(const SignalHandlers&) = delete;
     SignalHandlers& operator=(const SignalHandlers&) = delete;
 
 private:
-    struct sigaction previousInterrupt_ {};
-    struct sigaction previousWake_ {};
+    struct sigaction previousStop_[std::size(stopSignals)]{};
+    struct sigaction previousWake_[std::size(wakeSignals)]{};
 };
 
 // What the worker hands to the watching thread.
@@ -127,15 +190,71 @@ void runBootstrap(Exchange& exchange) {
     exchange.changed.notify_all();
 }
 
-// Starts the worker with SIGINT blocked, so that Ctrl-C lands on this thread.
-std::thread startWorker(Exchange& exchange) {
+// Starts the worker with the stop signals blocked, so that they land on this
+// thread. Nothing when no thread can be had.
+std::optional<std::thread> startWorker(Exchange& exchange) {
     sigset_t blocked, previous;
     sigemptyset(&blocked);
-    sigaddset(&blocked, SIGINT);
+    for (const int signal : stopSignals)
+        sigaddset(&blocked, signal);
     pthread_sigmask(SIG_BLOCK, &blocked, &previous);
-    std::thread worker(runBootstrap, std::ref(exchange));
+    std::optional<std::thread> worker;
+    try {
+        worker.emplace(runBootstrap, std::ref(exchange));
+    } catch (const std::system_error&) { // the caller builds on its own thread instead
+    }
     pthread_sigmask(SIG_SETMASK, &previous, nullptr);
     return worker;
+}
+
+// The bootstrap on this thread, for when no worker could be started. Nobody
+// can watch the lock table during the wait, so the holder is named once before
+// it, and once more when the time-out ends it.
+void buildOnThisThread(Exchange& exchange, ProgressView& view, const CachePaths& paths,
+                       std::optional<Clock::time_point> deadline, std::optional<LockHolder>& holder,
+                       std::optional<Clock::time_point>& buildStarted, bool& gaveUp) {
+    const pid_t self = getpid();
+    bool required = true;
+    try {
+        required = StandardLibraryBootstrap::isRequired();
+    } catch (const std::exception&) { // the bootstrap itself will say what is wrong
+    }
+    if (required)
+        if (auto found = findLockHolder(paths.lockFile, self)) {
+            holder = found;
+            view.waitingFor(*found, paths.lockFile);
+        }
+    waitingInline.store(true);
+    if (interruptRequested)
+        setWakeTimer(std::chrono::milliseconds(1));
+    else if (deadline)
+        setWakeTimer(std::max(
+            std::chrono::duration_cast<std::chrono::microseconds>(*deadline - Clock::now()),
+            std::chrono::microseconds(1)));
+    try {
+        exchange.result =
+            StandardLibraryBootstrap::ensure([&](const StandardLibraryBootstrapProgress& progress) {
+                if (interruptRequested && progress.stage != StandardLibraryBootstrapStage::Finished)
+                    throw BuildInterrupted{};
+                if (progress.stage == StandardLibraryBootstrapStage::Preparing) {
+                    // The lock is held: the timer bounded only the wait for it.
+                    waitingInline.store(false);
+                    setWakeTimer(std::chrono::microseconds(0));
+                    exchange.lockTaken = true;
+                    buildStarted = Clock::now();
+                }
+                view.report(progress);
+            });
+    } catch (...) {
+        exchange.failure = std::current_exception();
+    }
+    waitingInline.store(false);
+    setWakeTimer(std::chrono::microseconds(0));
+    if (exchange.failure && !exchange.lockTaken && deadline && Clock::now() >= *deadline) {
+        gaveUp = true;
+        if (auto found = findLockHolder(paths.lockFile, self))
+            holder = found;
+    }
 }
 
 ProgressStyle styleFor(const Invocation& invocation, const Console& console) {
@@ -169,6 +288,12 @@ int runEnsure(const Invocation& invocation, Console& console) {
     try {
         configureRuntime(invocation, invocation.ensure.jobs);
         paths = currentPaths();
+        // The bootstrap creates, locks and clears by path: it runs only on a
+        // cache root that nobody else can change. A read-only system-wide
+        // cache is used as it stands, when it is ready.
+        if (guardCache(paths, CacheUse::Build) == compiler::CacheAccess::ReadOnly &&
+            compiler::StandardLibraryBootstrap::isRequired())
+            throw std::runtime_error(readOnlyCacheNotReady(paths));
     } catch (const std::exception& failure) {
         printError(invocation, console, failure.what(), ExitFailure);
         return ExitFailure;
@@ -182,16 +307,18 @@ int runEnsure(const Invocation& invocation, Console& console) {
     if (invocation.ensure.timeoutSeconds)
         deadline = started + std::chrono::duration_cast<Clock::duration>(
                                  std::chrono::duration<double>(*invocation.ensure.timeoutSeconds));
-    std::thread worker = startWorker(exchange);
+    std::optional<std::thread> worker = startWorker(exchange);
     const pid_t self = getpid();
 
     std::optional<LockHolder> holder;
     std::optional<Clock::time_point> buildStarted; // when the Preparing report arrived
     bool gaveUp = false;
+    if (!worker)
+        buildOnThisThread(exchange, view, paths, deadline, holder, buildStarted, gaveUp);
     auto nextLockCheck = started + std::chrono::milliseconds(100);
     auto nextWake = Clock::time_point::min();
     auto nextTick = started;
-    while (true) {
+    while (worker) {
         std::deque<StandardLibraryBootstrapProgress> reports;
         bool done = false;
         bool lockTaken = false;
@@ -231,11 +358,12 @@ int runEnsure(const Invocation& invocation, Console& console) {
             if (timedOut && !holder)
                 holder = findLockHolder(paths.lockFile, self); // a short timeout may beat the poll
             gaveUp = gaveUp || timedOut;
-            pthread_kill(worker.native_handle(), SIGUSR1);
+            pthread_kill(worker->native_handle(), SIGUSR1);
             nextWake = now + std::chrono::milliseconds(100);
         }
     }
-    worker.join();
+    if (worker)
+        worker->join();
     view.close();
     const double seconds = secondsBetween(started, Clock::now());
 
@@ -252,20 +380,34 @@ int runEnsure(const Invocation& invocation, Console& console) {
             message = "unknown failure";
         }
         if (interrupted) {
-            console.note("interrupted; the standard-library cache was left without a readiness "
-                         "marker");
+            const int signal = interruptSignal.load();
+            const int status = interruptStatus(signal);
+            // Before the lock nothing was built, and the cache is as it was.
+            if (!exchange.lockTaken && !holder)
+                holder = findLockHolder(paths.lockFile, self);
+            const std::string message =
+                interruptedBy(signal) +
+                (exchange.lockTaken
+                     ? "; the standard-library cache was left without a readiness marker"
+                 : holder ? " while waiting for the build lock; nothing was built"
+                          : " before the build started; nothing was built");
+            console.note(message);
             if (invocation.global.json)
-                console.out() << jsonText(
-                                     nlohmann::ordered_json{{"event", "interrupted"},
-                                                            {"exitStatus", int(ExitInterrupted)}})
+                console.out() << jsonText(nlohmann::ordered_json{{"event", "interrupted"},
+                                                                 {"signal", signalName(signal)},
+                                                                 {"message", message},
+                                                                 {"exitStatus", status}})
                               << std::endl;
-            return ExitInterrupted;
+            return status;
         }
         printError(invocation, console, message, ExitFailure,
                    gaveUp ? holder : std::optional<LockHolder>());
         if (gaveUp)
             console.note("gave up waiting for the build lock after " + formatDuration(seconds) +
                          (holder ? "; it is held by " + describe(*holder) : std::string()));
+        else if (message.starts_with("Unable to lock Quor standard-library cache '"))
+            if (const std::string cause = likelyLockFailureCause(paths.lockFile); !cause.empty())
+                console.note("likely cause: " + cause);
         return ExitFailure;
     }
 
@@ -291,16 +433,21 @@ int runEnsure(const Invocation& invocation, Console& console) {
                               << " for the build lock)";
             console.out() << std::endl;
         } else if (holder) {
-            console.out() << "already up to date (built by " << describe(*holder) << ")"
+            console.out() << "already up to date (built by " << visible(describe(*holder)) << ")"
                           << std::endl;
         } else
             console.out() << "already up to date" << std::endl;
     }
     if (interruptRequested) {
-        console.note("interrupted after the build had completed; the cache is ready");
-        return ExitInterrupted;
+        const int signal = interruptSignal.load();
+        console.note(interruptedBy(signal) +
+                     (result.bootstrapped ? " after the build had completed; the cache is ready"
+                                          : "; the cache was already up to date"));
+        return interruptStatus(signal);
     }
-    return ExitSuccess;
+    // A reader that went away must not have cut the build short, and did not.
+    return console.finish(ExitSuccess, result.bootstrapped ? "the build ran to its end"
+                                                           : "the cache was already up to date");
 }
 
 } // namespace quor::stdlibtool

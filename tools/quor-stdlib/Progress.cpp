@@ -100,7 +100,9 @@ void ProgressView::report(const compiler::StandardLibraryBootstrapProgress& prog
     case StandardLibraryBootstrapStage::Compiling:
         completed_ = progress.completed;
         total_ = progress.total;
-        label_ = unitLabel(progress);
+        // A file or folder name may hold anything; made visible before the
+        // line is cut to the terminal's width, which counts what is shown.
+        label_ = visible(unitLabel(progress));
         break;
     case StandardLibraryBootstrapStage::Finished:
         completed_ = progress.completed;

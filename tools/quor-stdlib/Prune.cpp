@@ -3,6 +3,7 @@
 // first-launch state and refuses anything that is not a real version directory
 // directly under the cache root.
 
+#include "CacheGuard.h"
 #include "CacheProbe.h"
 #include "Commands.h"
 #include "Console.h"
@@ -35,8 +36,14 @@ std::string plural(std::size_t count, std::string_view one, std::string_view man
 int runPrune(const Invocation& invocation, Console& console) {
     try {
         configureRuntime(invocation);
-        const fs::path root = currentPaths().cacheRoot;
+        const CachePaths paths = currentPaths();
+        const fs::path root = paths.cacheRoot;
         const std::string version(compilerVersion());
+        // Removal goes by path below the cache root: only a root that nobody
+        // else can change may be pruned.
+        if (guardCache(paths, CacheUse::Prune) == compiler::CacheAccess::ReadOnly &&
+            !invocation.prune.dryRun)
+            throw std::runtime_error(readOnlyCacheCannotBePruned(paths));
         std::vector<Candidate> candidates;
         std::uint64_t listedBytes = 0;
         for (const auto& path :
@@ -53,17 +60,24 @@ int runPrune(const Invocation& invocation, Console& console) {
         // fails half-way still leaves the user knowing what was attempted.
         if (text) {
             if (candidates.empty())
-                out << "no older versions under " << root.string() << std::endl;
+                out << "no older versions under " << visible(root.string()) << std::endl;
             for (const auto& candidate : candidates)
-                out << "  " << std::left << std::setw(10) << candidate.path.filename().string()
-                    << std::right << std::setw(10) << formatBytes(candidate.bytes) << "  "
-                    << candidate.path.string() << '\n';
+                out << "  " << std::left << std::setw(10)
+                    << visible(candidate.path.filename().string()) << std::right << std::setw(10)
+                    << formatBytes(candidate.bytes) << "  " << visible(candidate.path.string())
+                    << '\n';
             out.flush();
         }
 
         std::size_t removed = 0;
         std::uint64_t freed = 0;
         if (!invocation.prune.dryRun && !candidates.empty()) {
+            VersionLocks locks;
+            std::vector<fs::path> versions;
+            for (const auto& candidate : candidates)
+                versions.push_back(candidate.path);
+            if (const auto busy = locks.acquire(root, versions))
+                throw std::runtime_error(busyVersionMessage(*busy));
             removed = compiler::StandardLibraryBootstrap::removeOlderCacheVersions(root, version);
             for (const auto& candidate : candidates) {
                 std::error_code error;
@@ -97,7 +111,12 @@ int runPrune(const Invocation& invocation, Console& console) {
                 out << "removed " << plural(removed, "older version", "older versions")
                     << ", freed " << formatBytes(freed) << std::endl;
         }
-        return ExitSuccess;
+        // The removal is done whether or not anyone read about it.
+        return console.finish(ExitSuccess,
+                              invocation.prune.dryRun
+                                  ? std::string("prune ran to its end (dry run: nothing removed)")
+                                  : "prune ran to its end and removed " +
+                                        plural(removed, "older version", "older versions"));
     } catch (const std::exception& failure) {
         console.error(failure.what());
         return ExitFailure;

@@ -2,6 +2,7 @@
 // Readiness itself is the bootstrap's answer (StandardLibraryCacheState and
 // isRequired); the marker diagnosis and the unit count only explain it.
 
+#include "CacheGuard.h"
 #include "CacheProbe.h"
 #include "Commands.h"
 #include "Console.h"
@@ -35,9 +36,12 @@ struct StatusReport {
     bool libraryFound = false;
     bool ready = false;
     bool buildRequired = false;
+    compiler::CacheAccess access = compiler::CacheAccess::Writable;
+    std::string refusal; // why the cache root cannot be vouched for; empty when it can
     MarkerDiagnosis marker;
     std::optional<std::size_t> units;
     std::string unitsError;
+    std::vector<UnreachableEntry> unreachable; // what the build's walk passes over
     std::vector<OlderVersion> olderVersions;
 };
 
@@ -47,15 +51,28 @@ StatusReport gatherStatus() {
     report.paths = currentPaths();
     std::error_code error;
     report.libraryFound = fs::is_directory(report.paths.library, error);
-    const compiler::StandardLibraryCacheState state(
-        report.paths.stateDirectory, report.identity.version, report.identity.abiVersion,
-        report.identity.fingerprint);
-    report.ready = state.isReady();
-    report.buildRequired = compiler::StandardLibraryBootstrap::isRequired();
-    report.marker = diagnoseMarker(report.paths.marker, report.identity);
+    try {
+        report.access = guardCache(report.paths, CacheUse::Inspect);
+    } catch (const std::exception& failure) {
+        report.refusal = failure.what();
+    }
+    if (report.refusal.empty()) {
+        const compiler::StandardLibraryCacheState state(
+            report.paths.stateDirectory, report.identity.version, report.identity.abiVersion,
+            report.identity.fingerprint);
+        report.ready = state.isReady();
+        report.buildRequired = compiler::StandardLibraryBootstrap::isRequired();
+        report.marker = diagnoseMarker(report.paths.marker, report.identity);
+    } else {
+        // What lies in a cache root that others can change vouches for nothing,
+        // so it is not even read.
+        report.buildRequired = report.libraryFound;
+        report.marker.verdict = MarkerVerdict::Unreadable;
+        report.marker.detail = report.refusal;
+    }
     if (report.libraryFound) {
         try {
-            report.units = compilableUnits(report.paths.library).size();
+            report.units = compilableUnits(report.paths.library, &report.unreachable).size();
         } catch (const std::exception& failure) {
             report.unitsError = failure.what();
         }
@@ -103,10 +120,25 @@ std::string reasonLine(const StatusReport& report) {
     return "the marker looks valid but the bootstrap does not accept it";
 }
 
+// "writable", "read-only" (a system-wide cache owned by root) or "refused".
+std::string_view accessName(const StatusReport& report) {
+    if (!report.refusal.empty())
+        return "refused";
+    return report.access == compiler::CacheAccess::ReadOnly ? "read-only" : "writable";
+}
+
+json unreachableJson(const StatusReport& report) {
+    json entries = json::array();
+    for (const auto& entry : report.unreachable)
+        entries.push_back({{"path", entry.path.string()}, {"reason", entry.reason}});
+    return entries;
+}
+
 json reasonJson(const StatusReport& report) {
     if (report.ready)
         return nullptr;
-    json reason = {{"kind", report.marker.verdict == MarkerVerdict::Valid
+    json reason = {{"kind", !report.refusal.empty() ? std::string_view("refused")
+                            : report.marker.verdict == MarkerVerdict::Valid
                                 ? std::string_view("unknown")
                                 : markerVerdictName(report.marker.verdict)},
                    {"message", reasonLine(report)}};
@@ -145,11 +177,13 @@ json statusJson(const StatusReport& report) {
           {"marker", paths.marker.string()},
           {"lockFile", paths.lockFile.string()}}},
         {"libraryFound", report.libraryFound},
+        {"access", accessName(report)},
         {"ready", report.ready},
         {"buildRequired", report.buildRequired},
         {"reason", reasonJson(report)},
         {"units", report.units ? json(*report.units) : json(nullptr)},
         {"unitsError", report.unitsError.empty() ? json(nullptr) : json(report.unitsError)},
+        {"unreachable", unreachableJson(report)},
         {"olderVersions", std::move(older)},
         {"olderVersionsBytes", olderBytes},
     };
@@ -165,42 +199,58 @@ void printStatus(const StatusReport& report, Console& console) {
                             Color::Bold)
         << '\n';
     row("object ABI") << report.identity.abiVersion << '\n';
-    row("fingerprint") << report.identity.fingerprint << '\n';
+    row("fingerprint") << visible(report.identity.fingerprint) << '\n';
     row("  from") << fingerprintSourceName(report.identity.source);
     if (!report.identity.fingerprintFile.empty())
-        out << " file " << report.identity.fingerprintFile.string();
+        out << " file " << visible(report.identity.fingerprintFile.string());
     out << '\n';
-    row("library") << paths.library.string() << (report.libraryFound ? "" : "  (not found)")
-                   << '\n';
-    row("cache root") << paths.cacheRoot.string() << '\n';
-    row("library cache") << paths.libraryCache.string() << '\n';
-    row("state directory") << paths.stateDirectory.string() << '\n';
-    row("marker") << paths.marker.string() << '\n';
-    row("lock file") << paths.lockFile.string() << '\n';
+    // Paths, marker values and messages come from the disk and the
+    // environment; a terminal must show them, never obey them.
+    row("library") << visible(paths.library.string())
+                   << (report.libraryFound ? "" : "  (not found)") << '\n';
+    row("cache root") << visible(paths.cacheRoot.string()) << '\n';
+    row("library cache") << visible(paths.libraryCache.string()) << '\n';
+    row("state directory") << visible(paths.stateDirectory.string()) << '\n';
+    row("marker") << visible(paths.marker.string()) << '\n';
+    row("lock file") << visible(paths.lockFile.string()) << '\n';
+    if (report.access == compiler::CacheAccess::ReadOnly && report.refusal.empty())
+        row("access") << "read-only: a system-wide cache owned by root\n";
     if (report.ready) {
         row("state") << console.paintOut("ready", Color::Green) << '\n';
     } else {
-        row("state") << console.paintOut("not ready", Color::Yellow) << ": " << reasonLine(report)
-                     << '\n';
+        row("state") << console.paintOut("not ready", Color::Yellow) << ": "
+                     << visible(reasonLine(report)) << '\n';
         for (const auto& field : report.marker.differences)
-            row("") << "  " << field.name << ": expected \"" << field.expected << "\", found \""
-                    << field.found << "\"\n";
+            row("") << "  " << field.name << ": expected \"" << visible(field.expected)
+                    << "\", found \"" << visible(field.found) << "\"\n";
         if (!report.buildRequired)
             row("") << "  ensure cannot build it: the standard library was not found\n";
     }
     if (report.units)
         row("units to compile") << *report.units << '\n';
     else
-        row("units to compile") << "unknown (" << report.unitsError << ")\n";
+        row("units to compile") << "unknown (" << visible(report.unitsError) << ")\n";
+    if (!report.unreachable.empty()) {
+        // The build skips these without a word; this is the only place to learn of them.
+        constexpr std::size_t shown = 5;
+        const std::size_t count = report.unreachable.size();
+        row("unreachable") << count << (count == 1 ? " entry" : " entries")
+                           << " of the library that the build passes over:\n";
+        for (std::size_t i = 0; i < std::min(count, shown); ++i)
+            row("") << "  " << visible(report.unreachable[i].path.string()) << " ("
+                    << visible(report.unreachable[i].reason) << ")\n";
+        if (count > shown)
+            row("") << "  and " << count - shown << " more (see --json)\n";
+    }
     if (report.olderVersions.empty()) {
         row("older versions") << "none\n";
     } else {
         bool first = true;
         for (const auto& version : report.olderVersions) {
             row(first ? "older versions" : "")
-                << std::setw(10) << version.path.filename().string() << ' ' << std::right
+                << std::setw(10) << visible(version.path.filename().string()) << ' ' << std::right
                 << std::setw(10) << formatBytes(version.bytes) << std::left << "  "
-                << version.path.string() << '\n';
+                << visible(version.path.string()) << '\n';
             first = false;
         }
         row("") << "remove them with `quor-stdlib prune`\n";
@@ -218,9 +268,9 @@ int runStatus(const Invocation& invocation, Console& console) {
             console.out() << jsonText(statusJson(report), 2) << std::endl;
         else if (!invocation.global.quiet)
             printStatus(report, console);
-        if (invocation.status.check)
-            return report.ready ? ExitSuccess : ExitFailure;
-        return ExitSuccess;
+        const int status =
+            invocation.status.check && !report.ready ? int(ExitFailure) : int(ExitSuccess);
+        return console.finish(status, "the status report was cut short");
     } catch (const std::exception& failure) {
         console.error(failure.what());
         return ExitFailure;

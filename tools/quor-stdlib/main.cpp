@@ -9,15 +9,56 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
 #include <iostream>
 #include <map>
+#include <unistd.h>
 
 using namespace quor::stdlibtool;
 
 namespace {
 
+// Whoever started us may have closed descriptor 0, 1 or 2 (`>&- 2>&-`). The
+// next open() would then hand that number to a file of the build, and what is
+// written to "standard error" would land in the lock file or an object. So
+// each closed one gets /dev/null before anything else is opened; without
+// /dev/null (a bare chroot), a descriptor of "/" that cannot be written keeps
+// the number taken.
+void occupyStandardDescriptors() {
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+        if (fcntl(fd, F_GETFD) != -1 || errno != EBADF)
+            continue;
+        int opened = open("/dev/null", (fd == STDIN_FILENO ? O_RDONLY : O_WRONLY) | O_NOCTTY);
+        if (opened < 0)
+            opened = open("/", O_PATH | O_DIRECTORY);
+        if (opened < 0)
+            _exit(ExitFailure); // nowhere safe to write, and nothing done yet
+        if (opened != fd) {
+            dup2(opened, fd);
+            close(opened);
+        }
+    }
+}
+
+// Does nothing. A write to a closed pipe then fails with EPIPE, which the
+// handlers notice and report once their work is done, instead of SIGPIPE
+// ending the process in the middle of a build. A handler rather than SIG_IGN,
+// so that any program started from here gets the default disposition back.
+extern "C" void onBrokenPipe(int) {}
+
+void survivePipeClosing() {
+    struct sigaction action {};
+    action.sa_handler = onBrokenPipe;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = SA_RESTART;
+    sigaction(SIGPIPE, &action, nullptr);
+}
+
 int usageError(const std::string& message) {
-    std::cerr << "quor-stdlib: error: " << message << "\n"
+    std::cerr << "quor-stdlib: error: " << visible(message) << "\n"
               << "Run 'quor-stdlib help' to list the subcommands and options." << std::endl;
     return ExitUsage;
 }
@@ -45,20 +86,36 @@ CLI::Validator secondsValidator() {
         "");
 }
 
+// What is wrong with `text` as a number of worker threads, or "" when nothing is.
+std::string jobsProblem(const std::string& text) {
+    if (!text.empty() && text.size() <= 6 &&
+        text.find_first_not_of("0123456789") == std::string::npos && std::stoul(text) > 0)
+        return {};
+    return "expected a whole number of worker threads, at least 1, got '" + text + "'";
+}
+
 CLI::Validator jobsValidator() {
-    return CLI::Validator(
-        [](std::string& text) -> std::string {
-            if (!text.empty() && text.size() <= 6 &&
-                text.find_first_not_of("0123456789") == std::string::npos && std::stoul(text) > 0)
-                return {};
-            return "expected a whole number of worker threads, at least 1, got '" + text + "'";
-        },
-        "");
+    return CLI::Validator([](std::string& text) { return jobsProblem(text); }, "");
+}
+
+// QUOR_JOBS is read by the runtime, which takes anything it cannot use for
+// "unset". When it would be used, that is by `ensure` without --jobs, a value
+// that is not a worker count is refused as --jobs refuses it. Empty is unset.
+std::string jobsEnvironmentProblem(const Command& command, const Invocation& invocation) {
+    if (command.name != "ensure" || invocation.ensure.jobs != 0)
+        return {};
+    const char* value = std::getenv("QUOR_JOBS");
+    if (value == nullptr || value[0] == '\0')
+        return {};
+    const std::string problem = jobsProblem(value);
+    return problem.empty() ? problem : "QUOR_JOBS: " + problem;
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
+    occupyStandardDescriptors(); // first: nothing may be opened before it
+    survivePipeClosing();
     Invocation invocation;
     std::string color = "auto";
     std::string helpTopic;
@@ -144,6 +201,8 @@ int main(int argc, char** argv) {
         else
             return usageError(unknownSubcommand(helpTopic));
     }
+    if (const std::string problem = jobsEnvironmentProblem(*command, invocation); !problem.empty())
+        return usageError(problem);
     invocation.global.color = color == "always"  ? ColorMode::Always
                               : color == "never" ? ColorMode::Never
                                                  : ColorMode::Auto;

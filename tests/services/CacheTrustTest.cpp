@@ -1,0 +1,252 @@
+// The cache-root check on real directories, and the services' refusal to let a
+// library cache that was removed during a build be marked ready. Checks about
+// other users run in a child that drops to uid 65534, since root passes every
+// permission check.
+
+#include "compiler/CacheTrust.h"
+#include "compiler/Compiler.h"
+#include "compiler/StandardLibraryBootstrap.h"
+#include "tests/services/ServicesTestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <grp.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <functional>
+#include <optional>
+
+namespace quor::test {
+namespace {
+
+using compiler::CacheAccess;
+using compiler::CacheLayoutEntry;
+using compiler::Compiler;
+using compiler::StandardLibraryBootstrap;
+using compiler::UntrustedCacheError;
+using compiler::verifyCacheRoot;
+using Kind = CacheLayoutEntry::Kind;
+
+// Runs `body` in a child as uid and gid 65534 and returns its exit status.
+int asNobody(const std::function<int()>& body) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+        const gid_t group = 65534;
+        if (::setgroups(1, &group) != 0 || ::setgid(65534) != 0 || ::setuid(65534) != 0)
+            ::_exit(254);
+        int status = 255;
+        try {
+            status = body();
+        } catch (...) {
+        }
+        ::_exit(status);
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+std::string refusal(const std::function<void()>& call) {
+    try {
+        call();
+    } catch (const UntrustedCacheError& error) {
+        return error.what();
+    }
+    return "no refusal";
+}
+
+class CacheTrustTest : public ::testing::Test {
+protected:
+    CacheTrustTest() {
+        ::chmod(directory_.path().c_str(), 0755);
+        fs::create_directory(shared());
+        ::chmod(shared().c_str(), 01777);
+    }
+    fs::path shared() const { return directory_.path() / "shared"; }
+    fs::path root() const { return directory_.path() / "cache"; }
+
+    TemporaryDirectory directory_;
+};
+
+TEST_F(CacheTrustTest, OwnCacheRootIsWritableAndItsLayoutIsCreatedClosedToOthers) {
+    const mode_t previous = ::umask(0);
+    const auto access =
+        verifyCacheRoot(root() / "deep", {{root() / "deep" / "0.1.6", Kind::Directory}}, true);
+    ::umask(previous);
+    EXPECT_EQ(access, CacheAccess::Writable);
+    for (const fs::path& made : {root(), root() / "deep", root() / "deep" / "0.1.6"}) {
+        struct stat info {};
+        ASSERT_EQ(::lstat(made.c_str(), &info), 0) << made;
+        EXPECT_EQ(info.st_mode & 07777, 0755u) << made;
+    }
+}
+
+TEST_F(CacheTrustTest, MissingCacheRootIsNotCreatedWhenOnlyInspected) {
+    EXPECT_EQ(verifyCacheRoot(root(), {{root() / "0.1.6", Kind::Directory}}, false),
+              CacheAccess::Writable);
+    EXPECT_FALSE(fs::exists(root()));
+}
+
+TEST_F(CacheTrustTest, CacheRootWritableByOthersIsRefused) {
+    fs::create_directory(root());
+    ::chmod(root().c_str(), 0777);
+    EXPECT_EQ(refusal([&] { verifyCacheRoot(root(), {}, false); }),
+              "Refusing to use Quor cache root '" + root().native() + "': '" + root().native() +
+                  "' is writable by other users; remove their write permission (chmod go-w)");
+}
+
+TEST_F(CacheTrustTest, DirectoryOnTheWayWritableByOthersWithoutStickyBitIsRefused) {
+    const fs::path open = directory_.path() / "open";
+    fs::create_directory(open);
+    ::chmod(open.c_str(), 0777);
+    EXPECT_EQ(refusal([&] { verifyCacheRoot(open / "cache", {}, true); }),
+              "Refusing to use Quor cache root '" + (open / "cache").native() + "': '" +
+                  open.native() +
+                  "' is writable by other users and not sticky; choose a cache root that only "
+                  "you can change");
+    EXPECT_FALSE(fs::exists(open / "cache"));
+}
+
+TEST_F(CacheTrustTest, CacheRootOfAnotherUserInASharedStickyDirectoryIsRefused) {
+    const fs::path theirs = shared() / "cache";
+    ASSERT_EQ(asNobody([&] { return ::mkdir(theirs.c_str(), 0755) == 0 ? 0 : 1; }), 0);
+    EXPECT_EQ(refusal([&] { verifyCacheRoot(theirs, {}, true); }),
+              "Refusing to use Quor cache root '" + theirs.native() + "': '" + theirs.native() +
+                  "' is a directory that belongs to uid 65534; choose a cache root that you own");
+}
+
+TEST_F(CacheTrustTest, LinkOfAnotherUserOnTheWayIsRefusedBeforeItIsFollowed) {
+    const fs::path link = shared() / "link";
+    ASSERT_EQ(asNobody([&] { return ::symlink(root().c_str(), link.c_str()) == 0 ? 0 : 1; }), 0);
+    EXPECT_EQ(refusal([&] { verifyCacheRoot(link / "cache", {}, true); }),
+              "Refusing to use Quor cache root '" + (link / "cache").native() + "': '" +
+                  link.native() +
+                  "' is a symbolic link that belongs to uid 65534; choose a cache root that you "
+                  "own");
+    EXPECT_FALSE(fs::exists(root()));
+}
+
+TEST_F(CacheTrustTest, OwnLinkOnTheWayIsFollowedAndItsTargetChecked) {
+    fs::create_directory(root());
+    fs::create_directory_symlink(root(), directory_.path() / "alias");
+    EXPECT_EQ(verifyCacheRoot(directory_.path() / "alias", {}, false), CacheAccess::Writable);
+    ::chmod(root().c_str(), 0775);
+    EXPECT_EQ(refusal([&] { verifyCacheRoot(directory_.path() / "alias", {}, false); }),
+              "Refusing to use Quor cache root '" + (directory_.path() / "alias").native() +
+                  "': '" + root().native() +
+                  "' is writable by other users; remove their write permission (chmod go-w)");
+}
+
+TEST_F(CacheTrustTest, LinkInsideTheLayoutIsRefusedAndNeverFollowed) {
+    fs::create_directories(root());
+    const fs::path outside = directory_.path() / "outside";
+    fs::create_directory(outside);
+    fs::create_directory_symlink(outside, root() / "0.1.6");
+    EXPECT_EQ(refusal([&] {
+                  verifyCacheRoot(root(),
+                                  {{root() / "0.1.6", Kind::Directory},
+                                   {root() / "0.1.6" / "lib", Kind::Directory}},
+                                  true);
+              }),
+              "Refusing to use Quor cache root '" + root().native() + "': '" +
+                  (root() / "0.1.6").native() + "' is a symbolic link; remove it");
+    EXPECT_TRUE(fs::is_empty(outside));
+}
+
+TEST_F(CacheTrustTest, DanglingLinkAtTheLockFileIsRefusedAndItsTargetNeverCreated) {
+    fs::create_directories(root());
+    const fs::path target = directory_.path() / "created-through-the-link";
+    fs::create_symlink(target, root() / "build.lock");
+    EXPECT_EQ(refusal([&] {
+                  verifyCacheRoot(root(), {{root() / "build.lock", Kind::LockFile}}, true);
+              }),
+              "Refusing to use Quor cache root '" + root().native() + "': '" +
+                  (root() / "build.lock").native() + "' is a symbolic link; remove it");
+    EXPECT_FALSE(fs::exists(fs::symlink_status(target)));
+}
+
+TEST_F(CacheTrustTest, FileOfAnotherUserInsideIsRefused) {
+    fs::create_directories(root());
+    writeFile(root() / "marker", "theirs");
+    ::chown((root() / "marker").c_str(), 65534, 65534);
+    EXPECT_EQ(refusal([&] {
+                  verifyCacheRoot(root(), {{root() / "marker", Kind::DataFile}}, false);
+              }),
+              "Refusing to use Quor cache root '" + root().native() + "': '" +
+                  (root() / "marker").native() +
+                  "' is a file that belongs to uid 65534; choose a cache root that you own");
+}
+
+TEST_F(CacheTrustTest, CacheRootOwnedByRootIsReadOnlyForOthersAndNothingIsCreated) {
+    fs::create_directories(root());
+    const int status = asNobody([&] {
+        const auto access = verifyCacheRoot(root(), {{root() / "0.1.6", Kind::Directory}}, true);
+        if (access != CacheAccess::ReadOnly)
+            return 1;
+        return fs::exists(root() / "0.1.6") ? 2 : 0;
+    });
+    EXPECT_EQ(status, 0);
+}
+
+// A newer compiler that prunes this version while it is being built removes
+// the library cache under the precompiler. The build must fail rather than
+// let a readiness marker vouch for a library cache that is gone.
+class RemovedDuringTheBuild : public CacheTrustTest {
+protected:
+    RemovedDuringTheBuild() {
+        writeFile(library() / "core" / "Int.qr", "package core\n\npublic struct Int {\n}\n");
+        writeFile(library() / "core" / "Text.qr", "package core\n\npublic struct Text {\n}\n");
+        writeFile(library() / "Prelude.qr",
+                  "public fn identity(x: Int) -> Int {\n    return x\n}\n");
+        compiler::RuntimeConfiguration configuration;
+        configuration.standardLibraryPath = library().native();
+        configuration.cacheRoot = root().native();
+        configuration.jobs = 1;
+        runtime_.emplace(configuration);
+    }
+    fs::path library() const { return directory_.path() / "stdlib"; }
+    fs::path lib() const { return root() / QUOR_COMPILER_VERSION / "lib"; }
+    std::string replacedMessage() const {
+        return "Quor library cache '" + lib().native() +
+               "' was removed or replaced while it was being built; build it again";
+    }
+
+    std::optional<ScopedRuntime> runtime_;
+};
+
+TEST_F(RemovedDuringTheBuild, RemovalAfterTheLastUnitFailsTheBuildAndLeavesNoMarker) {
+    std::string message = "no failure";
+    try {
+        StandardLibraryBootstrap::ensure([&](const compiler::StandardLibraryBootstrapProgress& p) {
+            if (p.stage == compiler::StandardLibraryBootstrapStage::Compiling &&
+                p.completed == p.total)
+                StandardLibraryBootstrap::removeOlderCacheVersions(root(), "0.2.0");
+        });
+    } catch (const std::runtime_error& error) {
+        message = error.what();
+    }
+    EXPECT_EQ(message, replacedMessage());
+    EXPECT_TRUE(StandardLibraryBootstrap::isRequired());
+}
+
+TEST_F(RemovedDuringTheBuild, RemovalBeforeTheUnitsAreCompiledFailsTheBuild) {
+    Compiler::ensureObjectAbiCacheCurrent();
+    fs::remove_all(root() / QUOR_COMPILER_VERSION);
+    std::string message = "no failure";
+    try {
+        Compiler::precompileSources({(library() / "core" / "Int.qr").native()}, nullptr, {});
+    } catch (const std::runtime_error& error) {
+        message = error.what();
+    }
+    EXPECT_EQ(message, replacedMessage());
+}
+
+TEST_F(RemovedDuringTheBuild, UntouchedBuildStillSucceeds) {
+    EXPECT_TRUE(StandardLibraryBootstrap::ensure({}).bootstrapped);
+    EXPECT_FALSE(StandardLibraryBootstrap::isRequired());
+}
+
+} // namespace
+} // namespace quor::test

@@ -1,0 +1,171 @@
+// The tool's guard around the bootstrap: the cache-root check for each
+// subcommand, the build locks that `prune` holds, and the likely cause of a
+// lock failure.
+
+#include "CacheGuard.h"
+
+#include <cerrno>
+#include <climits>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+namespace quor::stdlibtool {
+
+namespace fs = std::filesystem;
+using compiler::CacheAccess;
+using compiler::CacheLayoutEntry;
+
+namespace {
+
+// The bootstrap names its build locks ".stdlib-bootstrap-<leaf>.lock".
+bool isBuildLockName(const std::string& name) {
+    constexpr std::string_view prefix = ".stdlib-bootstrap-";
+    constexpr std::string_view suffix = ".lock";
+    return name.size() > prefix.size() + suffix.size() && name.starts_with(prefix) &&
+           name.ends_with(suffix);
+}
+
+std::string octal(mode_t mode) {
+    char text[8];
+    std::snprintf(text, sizeof text, "%04o", static_cast<unsigned>(mode & 07777));
+    return text;
+}
+
+} // namespace
+
+CacheAccess guardCache(const CachePaths& paths, CacheUse use) {
+    using Kind = CacheLayoutEntry::Kind;
+    std::vector<CacheLayoutEntry> layout;
+    if (use == CacheUse::Prune) {
+        // Pruning deletes below .first-launch by path: it must be a real directory.
+        layout = {{paths.firstLaunch, Kind::Directory}};
+    } else {
+        layout = {{paths.cacheBranch, Kind::Directory},
+                  {paths.libraryCache, Kind::Directory},
+                  {paths.libraryCache / ".quor-object-abi", Kind::DataFile},
+                  {paths.firstLaunch, Kind::Directory},
+                  {paths.versionState, Kind::Directory},
+                  {paths.stateDirectory, Kind::Directory},
+                  {paths.lockFile, Kind::LockFile},
+                  {paths.marker, Kind::DataFile}};
+    }
+    if (use == CacheUse::Build) {
+        // The bootstrap creates its marker with the default mode: with a loose
+        // umask, others could then edit what vouches for the cache.
+        ::umask(::umask(077) | 022);
+    }
+    const fs::path root = paths.cacheRoot.empty() ? fs::path(".") : paths.cacheRoot;
+    return compiler::verifyCacheRoot(root, layout, use == CacheUse::Build);
+}
+
+std::string readOnlyCacheNotReady(const CachePaths& paths) {
+    return "Quor cache root '" + paths.cacheRoot.native() +
+           "' belongs to root and is read-only for you, and it is not ready for this compiler; "
+           "ask an administrator to run 'quor-stdlib ensure --cache-root " +
+           paths.cacheRoot.native() + "', or choose a cache root that you own";
+}
+
+std::string readOnlyCacheCannotBePruned(const CachePaths& paths) {
+    return "Quor cache root '" + paths.cacheRoot.native() +
+           "' belongs to root and is read-only for you; only root can prune it";
+}
+
+std::string likelyLockFailureCause(const fs::path& lockFile) {
+    const fs::path directory = lockFile.parent_path();
+    if (lockFile.native().size() >= PATH_MAX || lockFile.filename().native().size() > NAME_MAX)
+        return "the lock file's path is longer than the system allows";
+    struct stat info {};
+    if (::lstat(lockFile.c_str(), &info) == 0) {
+        if (info.st_uid != ::geteuid())
+            return "the lock file belongs to uid " + std::to_string(info.st_uid) +
+                   "; give each user a cache root of their own";
+        if (!S_ISREG(info.st_mode))
+            return "the lock file is not a regular file";
+        if (::access(lockFile.c_str(), R_OK | W_OK) != 0)
+            return "the lock file is not readable and writable for you (mode " +
+                   octal(info.st_mode) + ")";
+        return {};
+    }
+    if (errno != ENOENT)
+        return {};
+    // Nothing there: creating it failed.
+    struct statvfs space {};
+    if (::statvfs(directory.c_str(), &space) == 0) {
+        if (space.f_files > 0 && space.f_favail == 0)
+            return "the file system holding '" + directory.native() + "' has no free inodes";
+        const auto blocks = ::geteuid() == 0 ? space.f_bfree : space.f_bavail;
+        if (blocks == 0)
+            return "the file system holding '" + directory.native() + "' has no free space";
+    }
+    if (::access(directory.c_str(), W_OK | X_OK) != 0 && errno == EACCES) {
+        struct stat owner {};
+        const std::string whose = ::lstat(directory.c_str(), &owner) == 0
+                                      ? " (it belongs to uid " + std::to_string(owner.st_uid) +
+                                            ", mode " + octal(owner.st_mode) + ")"
+                                      : std::string();
+        return "you may not create files in '" + directory.native() + "'" + whose;
+    }
+    return {};
+}
+
+VersionLocks::~VersionLocks() {
+    release();
+}
+
+void VersionLocks::release() {
+    for (int fd : descriptors_) {
+        ::flock(fd, LOCK_UN);
+        ::close(fd); // opened only to lock: nothing written through it
+    }
+    descriptors_.clear();
+}
+
+std::optional<BusyVersion> VersionLocks::acquire(const fs::path& cacheRoot,
+                                                 const std::vector<fs::path>& versions) {
+    const fs::path firstLaunch = cacheRoot.lexically_normal() / ".first-launch";
+    for (const fs::path& version : versions) {
+        const fs::path state = firstLaunch / version.filename();
+        std::error_code error;
+        fs::directory_iterator entries(state, error);
+        for (; !error && entries != fs::directory_iterator(); entries.increment(error)) {
+            const std::string name = entries->path().filename().native();
+            if (!isBuildLockName(name))
+                continue;
+            // No O_CREAT, no link followed, no wait on a FIFO: only a lock file
+            // that a build made is of interest here.
+            const int fd = ::open(entries->path().c_str(),
+                                  O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+            if (fd < 0)
+                continue; // not ours to lock; the removal decides what happens to it
+            struct stat info {};
+            if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+                ::close(fd);
+                continue;
+            }
+            if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
+                const int failure = errno;
+                ::close(fd);
+                if (failure != EWOULDBLOCK)
+                    continue; // cannot be locked at all, so no build holds it either
+                release();
+                return BusyVersion{version, entries->path(),
+                                   findLockHolder(entries->path(), ::getpid())};
+            }
+            descriptors_.push_back(fd);
+        }
+    }
+    return std::nullopt;
+}
+
+std::string busyVersionMessage(const BusyVersion& busy) {
+    return "Refusing to prune Quor cache '" + busy.version.native() + "': version " +
+           busy.version.filename().native() + " is being built by " +
+           (busy.holder ? describe(*busy.holder) : std::string("another process")) +
+           " (it holds '" + busy.lockFile.native() +
+           "'); run prune again when that build has finished";
+}
+
+} // namespace quor::stdlibtool
