@@ -390,6 +390,38 @@ void verifyLibraryCache() {
     }
 }
 
+// Withdraws the readiness marker that vouches for the library cache, before the
+// cache is changed. Every identity that shares a cache root shares its library
+// cache and its marker (the bootstrap keeps it at <cache root>/.first-launch/
+// <version>/<library cache leaf>/.quor-stdlib-ready); a build for another
+// library that changed the objects and then failed would otherwise leave the
+// marker of the last good build vouching for objects it never saw. The removal
+// is made durable before anything else changes, so a crash cannot bring the
+// marker back over changed objects.
+void withdrawReadinessMarker() {
+    const Runtime& runtime = Runtime::getInstance();
+    const fs::path state = fs::path(runtime.getCacheBranchPath()).parent_path() / ".first-launch" /
+                           QUOR_COMPILER_VERSION / fs::path(runtime.getLibCachePath()).filename();
+    const fs::path marker = state / ".quor-stdlib-ready";
+    if (::unlink(marker.c_str()) != 0) {
+        // Nothing there, or a directory, which vouches for nothing either.
+        if (errno == ENOENT || errno == ENOTDIR || errno == EISDIR) {
+            return;
+        }
+        throw std::runtime_error("Unable to withdraw Quor readiness marker '" + marker.native() +
+                                 "': " + systemMessage(errno));
+    }
+    const int fd = ::open(state.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const int error = fd < 0 ? errno : ::fsync(fd) == 0 ? 0 : errno;
+    if (fd >= 0) {
+        ::close(fd); // read-only directory descriptor: nothing to lose on close
+    }
+    if (error != 0) {
+        throw std::runtime_error("Unable to withdraw Quor readiness marker '" + marker.native() +
+                                 "': " + systemMessage(error));
+    }
+}
+
 // Which directory the library cache is, as the kernel knows it. A library cache
 // that was removed (by a newer compiler's pruning, say) and made again is
 // another directory, even under the same name. A freed inode number is soon
@@ -471,6 +503,7 @@ void Compiler::ensureObjectAbiCacheCurrent() {
     const fs::path lib = Runtime::getInstance().getLibCachePath();
     std::error_code error;
     verifyLibraryCache();
+    withdrawReadinessMarker();
     {
         PreparedLibraryCache& prepared = preparedLibraryCache();
         std::lock_guard lock(prepared.mutex);
@@ -528,6 +561,7 @@ void Compiler::precompileSources(
     // so until every object is durable; otherwise a readiness marker written
     // after this call would vouch for objects that are no longer there.
     verifyLibraryCache();
+    withdrawReadinessMarker();
     const DirectoryIdentity identity = identityOf(lib);
     {
         // Only the build that the last ABI check prepared is judged against it:
