@@ -223,7 +223,7 @@ public:
             checkOwnFile(entry.path, info);
             return;
         case CacheLayoutEntry::Kind::DataFile:
-            // A link or special file is judged by whoever reads it, as absent.
+            // A link, FIFO or device is judged by whoever reads it, as absent.
             if (S_ISREG(info.st_mode)) {
                 checkOwnFile(entry.path, info);
             }

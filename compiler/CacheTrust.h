@@ -44,7 +44,7 @@ public:
 struct CacheLayoutEntry {
     enum class Kind {
         Directory, // must be a real directory; created when missing and preparing
-        LockFile,  // opened with O_CREAT: a link or special file there is refused
+        LockFile,  // opened with O_CREAT: a link, FIFO or device there is refused
         DataFile,  // read as a whole: when it is a regular file, it must be trusted
     };
     std::filesystem::path path;

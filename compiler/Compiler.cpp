@@ -559,24 +559,29 @@ void Compiler::precompileSources(
 
     // The library cache must still be the one that was made current, and stay
     // so until every object is durable; otherwise a readiness marker written
-    // after this call would vouch for objects that are no longer there.
-    verifyLibraryCache();
-    withdrawReadinessMarker();
-    const DirectoryIdentity identity = identityOf(lib);
+    // after this call would vouch for objects that are no longer there. Only
+    // the build that the last ABI check prepared is judged against it, and that
+    // check has just vouched for the cache and withdrawn its marker; the record
+    // is used up here, so a later, unrelated call does both itself.
+    bool preparedHere = false;
+    DirectoryIdentity preparedIdentity;
     {
-        // Only the build that the last ABI check prepared is judged against it:
-        // the record is used up here, so a later, unrelated call is not.
         PreparedLibraryCache& prepared = preparedLibraryCache();
         std::lock_guard lock(prepared.mutex);
-        const bool preparedHere = prepared.path == fs::path(lib) && prepared.identity.exists;
-        const DirectoryIdentity preparedIdentity = prepared.identity;
+        preparedHere = prepared.path == fs::path(lib) && prepared.identity.exists;
+        preparedIdentity = prepared.identity;
         prepared.path.clear();
         prepared.identity = {};
-        if (preparedHere &&
-            (!(preparedIdentity == identity) ||
-             readAbiRecord(fs::path(lib) / abiRecordName) != std::to_string(objectAbi))) {
-            throw libraryCacheReplaced(lib);
-        }
+    }
+    if (!preparedHere) {
+        verifyLibraryCache();
+        withdrawReadinessMarker();
+    }
+    const DirectoryIdentity identity = identityOf(lib);
+    if (preparedHere &&
+        (!(preparedIdentity == identity) ||
+         readAbiRecord(fs::path(lib) / abiRecordName) != std::to_string(objectAbi))) {
+        throw libraryCacheReplaced(lib);
     }
     const std::string recordAtStart = readAbiRecord(fs::path(lib) / abiRecordName);
 

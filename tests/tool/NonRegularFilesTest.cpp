@@ -3,7 +3,7 @@
 // the built tool as a child process with a kill deadline, so that a tool that
 // blocks fails its test instead of stalling the suite, and checks the child's
 // peak memory. The verdicts must be those of an ordinary file that reads the
-// same: a special file reads as absent, an over-long line fails its read.
+// same: a FIFO, device or socket reads as absent, an over-long line fails its read.
 
 #include "ToolTestSupport.h"
 
@@ -204,7 +204,7 @@ std::string markerFor(const json& status) {
 // After the case's ensure: the marker is a regular file that certifies what
 // status expects, and both the unit and the tool's diagnosis say ready.
 void expectCertified(const Sandbox& sandbox) {
-    // Reading a special file left in place would block or never end here.
+    // Reading a FIFO or device left in place would block or never end here.
     ASSERT_TRUE(isRegularFile(sandbox.marker()));
     const json status = statusJson(sandbox);
     EXPECT_EQ(status["ready"], true) << status.dump(2);
@@ -224,7 +224,7 @@ void expectNotReady(const Sandbox& sandbox, const std::string& kind, const std::
     EXPECT_EQ(checkStatus(sandbox), 1);
 }
 
-TEST(SpecialMarker, AFifoReadsAsUnreadableAndEnsureReplacesIt) {
+TEST(OddMarker, AFifoReadsAsUnreadableAndEnsureReplacesIt) {
     Sandbox sandbox;
     makeFifo(sandbox.marker());
     expectNotReady(sandbox, "unreadable", "the marker is not a regular file (a FIFO)");
@@ -237,7 +237,7 @@ TEST(SpecialMarker, AFifoReadsAsUnreadableAndEnsureReplacesIt) {
     expectCertified(sandbox);
 }
 
-TEST(SpecialMarker, ALinkToDevZeroReadsAsUnreadableAndEnsureReplacesIt) {
+TEST(OddMarker, ALinkToDevZeroReadsAsUnreadableAndEnsureReplacesIt) {
     Sandbox sandbox;
     fs::create_directories(sandbox.stateDirectory());
     fs::create_symlink("/dev/zero", sandbox.marker());
@@ -249,7 +249,7 @@ TEST(SpecialMarker, ALinkToDevZeroReadsAsUnreadableAndEnsureReplacesIt) {
     EXPECT_TRUE(S_ISCHR(device.st_mode));
 }
 
-TEST(SpecialMarker, ASocketReadsAsUnreadableAndEnsureReplacesIt) {
+TEST(OddMarker, ASocketReadsAsUnreadableAndEnsureReplacesIt) {
     Sandbox sandbox;
     fs::create_directories(sandbox.stateDirectory());
     const std::string path = sandbox.marker().string();
@@ -268,7 +268,7 @@ TEST(SpecialMarker, ASocketReadsAsUnreadableAndEnsureReplacesIt) {
     expectCertified(sandbox);
 }
 
-TEST(SpecialMarker, AHugeSparseMarkerIsMalformedAndEnsureReplacesIt) {
+TEST(OddMarker, AHugeSparseMarkerIsMalformedAndEnsureReplacesIt) {
     Sandbox sandbox;
     makeSparseFile(sandbox.marker(), hugeFileSize);
     expectNotReady(sandbox, "malformed", "line 1 of the marker is longer than 65536 bytes");
@@ -276,7 +276,7 @@ TEST(SpecialMarker, AHugeSparseMarkerIsMalformedAndEnsureReplacesIt) {
     expectCertified(sandbox);
 }
 
-TEST(SpecialMarker, ASaneMarkerKeepsItsVerdict) {
+TEST(OddMarker, ASaneMarkerKeepsItsVerdict) {
     Sandbox sandbox;
     ensureSucceeds(sandbox);
     expectCertified(sandbox);
@@ -301,7 +301,7 @@ TEST(SpecialMarker, ASaneMarkerKeepsItsVerdict) {
     expectNotReady(sandbox, "malformed", "the marker has 4 of its 5 lines");
 }
 
-TEST(SpecialMarker, ALineOverTheBoundFailsInTheUnitAndTheToolAlike) {
+TEST(OddMarker, ALineOverTheBoundFailsInTheUnitAndTheToolAlike) {
     Sandbox sandbox;
     ensureSucceeds(sandbox);
     const json status = statusJson(sandbox);
@@ -313,7 +313,7 @@ TEST(SpecialMarker, ALineOverTheBoundFailsInTheUnitAndTheToolAlike) {
 }
 
 // What status reports with no installed fingerprint file: the identity that a
-// special or unusable installed file must leave in place.
+// non-regular or unusable installed file must leave in place.
 json baselineIdentity(const Sandbox& sandbox) {
     const json status = statusJson(sandbox);
     EXPECT_NE(status["fingerprintSource"], "installed");
@@ -332,28 +332,28 @@ void expectInstalledFilePassedOver(const Sandbox& sandbox, const json& baseline)
     EXPECT_EQ(readFile(sandbox.marker()), markerFor(baseline));
 }
 
-TEST(SpecialFingerprintFile, AFifoIsPassedOver) {
+TEST(OddFingerprintFile, AFifoIsPassedOver) {
     Sandbox sandbox;
     const json baseline = baselineIdentity(sandbox);
     makeFifo(sandbox.library() / ".quor-stdlib-fingerprint");
     expectInstalledFilePassedOver(sandbox, baseline);
 }
 
-TEST(SpecialFingerprintFile, AHugeSparseFileIsPassedOver) {
+TEST(OddFingerprintFile, AHugeSparseFileIsPassedOver) {
     Sandbox sandbox;
     const json baseline = baselineIdentity(sandbox);
     makeSparseFile(sandbox.library() / ".quor-stdlib-fingerprint", hugeFileSize);
     expectInstalledFilePassedOver(sandbox, baseline);
 }
 
-TEST(SpecialFingerprintFile, ALinkToDevZeroIsPassedOver) {
+TEST(OddFingerprintFile, ALinkToDevZeroIsPassedOver) {
     Sandbox sandbox;
     const json baseline = baselineIdentity(sandbox);
     fs::create_symlink("/dev/zero", sandbox.library() / ".quor-stdlib-fingerprint");
     expectInstalledFilePassedOver(sandbox, baseline);
 }
 
-TEST(SpecialFingerprintFile, AFingerprintPaddedToTheBoundIsStillRead) {
+TEST(OddFingerprintFile, AFingerprintPaddedToTheBoundIsStillRead) {
     Sandbox sandbox;
     const std::string digits = "0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcdef";
     const fs::path file = sandbox.library() / ".quor-stdlib-fingerprint";
@@ -374,7 +374,7 @@ TEST(SpecialFingerprintFile, AFingerprintPaddedToTheBoundIsStillRead) {
     EXPECT_EQ(checkStatus(sandbox), 1);
 }
 
-TEST(SpecialObjectAbiRecord, AFifoReadsAsNoRecordAndIsReplaced) {
+TEST(OddObjectAbiRecord, AFifoReadsAsNoRecordAndIsReplaced) {
     Sandbox sandbox;
     const fs::path record =
         sandbox.cacheRoot() / QUOR_COMPILER_VERSION / "lib" / ".quor-object-abi";

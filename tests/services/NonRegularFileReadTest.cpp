@@ -31,7 +31,7 @@ constexpr auto deadline = std::chrono::seconds(20);
 constexpr long peakMemoryLimitKiB = 100 * 1024;
 constexpr off_t hugeFileSize = off_t{1} << 30;
 
-class SpecialFileReadTest : public testing::Test {
+class NonRegularFileRead : public testing::Test {
 protected:
     void SetUp() override { SourceManager::instance().clear(); }
     void TearDown() override { SourceManager::instance().clear(); }
@@ -83,7 +83,7 @@ bool isRegularFile(const fs::path& path) {
     return ::lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
 }
 
-TEST_F(SpecialFileReadTest, SourceManagerGivesNothingForAnythingButARegularFile) {
+TEST_F(NonRegularFileRead, SourceManagerGivesNothingForAnythingButARegularFile) {
     makeFifo(library() / "core" / "Pipe.qr");
     fs::create_symlink("/dev/zero", library() / "core" / "Zero.qr");
     fs::create_directories(library() / "core" / "Folder.qr");
@@ -99,7 +99,7 @@ TEST_F(SpecialFileReadTest, SourceManagerGivesNothingForAnythingButARegularFile)
               "Pipe.qr: none\nZero.qr: none\nFolder.qr: none\nReal.qr: [package core\n]\n");
 }
 
-TEST_F(SpecialFileReadTest, AUnitThatIsAFifoCannotBeRead) {
+TEST_F(NonRegularFileRead, AUnitThatIsAFifoCannotBeRead) {
     writeFile(library() / "core" / "Object.qr", "package core\n\npublic class Object {\n}\n");
     makeFifo(library() / "core" / "Pipe.qr");
     const std::string pipe = (library() / "core" / "Pipe.qr").native();
@@ -124,7 +124,7 @@ void expectRecordedAnew(const fs::path& record, const fs::path& libCache) {
     EXPECT_FALSE(fs::exists(libCache / "core" / "Stale.qo"));
 }
 
-TEST_F(SpecialFileReadTest, AFifoAsTheObjectAbiRecordReadsAsNoRecord) {
+TEST_F(NonRegularFileRead, AFifoAsTheObjectAbiRecordReadsAsNoRecord) {
     writeFile(libCache() / "core" / "Stale.qo", "stale");
     makeFifo(record());
     inChild([](std::string&) {
@@ -134,7 +134,7 @@ TEST_F(SpecialFileReadTest, AFifoAsTheObjectAbiRecordReadsAsNoRecord) {
     expectRecordedAnew(record(), libCache());
 }
 
-TEST_F(SpecialFileReadTest, ALinkAsTheObjectAbiRecordIsNotFollowed) {
+TEST_F(NonRegularFileRead, ALinkAsTheObjectAbiRecordIsNotFollowed) {
     const fs::path elsewhere = directory_.path() / "elsewhere";
     writeFile(elsewhere, std::to_string(Compiler::objectAbiVersion()) + "\n");
     writeFile(libCache() / "core" / "Stale.qo", "stale");
@@ -147,7 +147,7 @@ TEST_F(SpecialFileReadTest, ALinkAsTheObjectAbiRecordIsNotFollowed) {
     EXPECT_EQ(readFile(elsewhere), std::to_string(Compiler::objectAbiVersion()) + "\n");
 }
 
-TEST_F(SpecialFileReadTest, AHugeSparseObjectAbiRecordReadsAsNoRecord) {
+TEST_F(NonRegularFileRead, AHugeSparseObjectAbiRecordReadsAsNoRecord) {
     writeFile(libCache() / "core" / "Stale.qo", "stale");
     makeSparseFile(record(), hugeFileSize);
     inChild([](std::string&) {
@@ -157,7 +157,7 @@ TEST_F(SpecialFileReadTest, AHugeSparseObjectAbiRecordReadsAsNoRecord) {
     expectRecordedAnew(record(), libCache());
 }
 
-TEST_F(SpecialFileReadTest, ARegularRecordStillKeepsTheCache) {
+TEST_F(NonRegularFileRead, ARegularRecordStillKeepsTheCache) {
     writeFile(libCache() / "core" / "Kept.qo", "kept");
     writeFile(record(), " \t" + std::to_string(Compiler::objectAbiVersion()) + "\r\nmore\n");
     inChild([](std::string&) {
@@ -167,7 +167,7 @@ TEST_F(SpecialFileReadTest, ARegularRecordStillKeepsTheCache) {
     EXPECT_EQ(readFile(libCache() / "core" / "Kept.qo"), "kept");
 }
 
-class SpecialMarkerInTheUnit : public SpecialFileReadTest,
+class OddMarkerInTheUnit : public NonRegularFileRead,
                                public testing::WithParamInterface<std::string> {
 protected:
     void makeMarker() {
@@ -183,7 +183,7 @@ protected:
     }
 };
 
-TEST_P(SpecialMarkerInTheUnit, IsNotReadyAndEnsureReplacesIt) {
+TEST_P(OddMarkerInTheUnit, IsNotReadyAndEnsureReplacesIt) {
     writeFile(library() / "core" / "Object.qr", "package core\n\npublic class Object {\n}\n");
     makeMarker();
     const ChildResult child = inChild([](std::string& report) {
@@ -197,10 +197,10 @@ TEST_P(SpecialMarkerInTheUnit, IsNotReadyAndEnsureReplacesIt) {
     EXPECT_TRUE(isRegularFile(libCache() / "core" / "Object.qo"));
 }
 
-INSTANTIATE_TEST_SUITE_P(SpecialFileReadTest, SpecialMarkerInTheUnit,
+INSTANTIATE_TEST_SUITE_P(NonRegularFileRead, OddMarkerInTheUnit,
                          testing::Values("fifo", "dev-zero", "sparse"));
 
-TEST_F(SpecialFileReadTest, AFifoAsTheInstalledFingerprintIsPassedOver) {
+TEST_F(NonRegularFileRead, AFifoAsTheInstalledFingerprintIsPassedOver) {
     writeFile(library() / "core" / "Object.qr", "package core\n\npublic class Object {\n}\n");
     // The marker certifies whatever fingerprint applies without the file.
     inChild([](std::string&) {
