@@ -11,6 +11,10 @@ the same run of this script, on the same tree, a few seconds apart:
   5  16 processes at once       one build, wall time vs  one process alone
   6  pruning 5 x 20,000 files   removeOlderCacheVersions vs rm -rf
   7  scaling                    cold ensure at 1,000 / 20,000 / 100,000 units
+  8  incremental builds         one unit changed     vs  find | xargs sha256sum;
+                                resume after Ctrl-C at half way vs a cold build;
+                                A, then B, then A again: units compiled the third time;
+                                2 jobs vs 1 on a cold build (never slower)
 
 It prints the machine, one line per measurement, and a table of ratios with
 their goals. Results go to <build dir>/bench-results.json and .md; the scaling
@@ -48,6 +52,10 @@ GOALS = {
     "5": ("16 processes on a cold cache vs one process alone", "<=", 1.15),
     "6": ("removeOlderCacheVersions, 5 x 20,000 files vs rm -rf", "<=", 1.1),
     "7": ("scaling: time per unit at 100,000 vs at 20,000 units", "<=", 1.2),
+    "8a": ("ensure after one unit changed vs find | xargs sha256sum", "<=", 1.5),
+    "8b": ("ensure resuming a build stopped half way vs a cold build", "<=", 0.6),
+    "8c": ("units compiled by the build of A after A, then B", "<=", 0),
+    "8d": ("2 jobs against 1 on a cold build (20,000 units)", ">=", 1.0),
 }
 
 
@@ -391,6 +399,114 @@ class Bench:
                     f"fit t = {fit['a']:.3f} s + {fit['b'] * 1e6:.1f} us/unit, R^2 {fit['r2']:.4f}")
         self.plot(rows, fit)
 
+    def figure8(self):
+        log("\n[8] incremental builds over 20,000 units")
+        source, _ = self.library(20000)
+        library = os.path.join(self.work, "lib-incremental")
+        shutil.rmtree(library, ignore_errors=True)
+        shutil.copytree(source, library, symlinks=True)
+        cache = os.path.join(self.work, "cache-incremental")
+        self.cold_cache(cache)
+        runs = 5 if self.quick else 11
+        self.warm(library)
+        run([self.tool, "--stdlib", library, "--cache-root", cache, "--quiet", "ensure"])
+
+        # 8a: one unit edited and a new fingerprint, as a release of one fix
+        # would bring; every run edits anew.
+        unit = os.path.join(library, "Prelude.qr")
+        fingerprint = os.path.join(library, ".quor-stdlib-fingerprint")
+        prepare = (f"printf '// %s\\n' \"$(date +%s%N)\" >> {shell_quote(unit)} && "
+                   f"printf '%064x\\n' \"$(date +%s%N)\" > {shell_quote(fingerprint)}")
+        incremental = self.hyperfine("ensure after one unit changed",
+                                     self.tool_command(library, cache, "--quiet"), runs,
+                                     warmup=1, prepare=prepare)
+        hashing = self.hyperfine(
+            "find | xargs sha256sum",
+            f"find {shell_quote(library)} -type f -name '*.qr' -print0 | xargs -0 sha256sum > /dev/null",
+            runs, warmup=1)
+        out = run([self.tool, "--stdlib", library, "--cache-root", cache, "--json", "ensure",
+                   "--force"], capture_output=True, text=True).stdout
+        forced = result_event(out)
+        self.figure("8a", incremental, hashing, incremental / hashing,
+                    f"a forced build of the same tree compiled {forced.get('compiled')} and "
+                    f"reused {forced.get('reused')}")
+
+        # 8b: Ctrl-C once half the units are reported, then the same ensure again.
+        tries = 3 if self.quick else 5
+        resumed, colds, kept = [], [], []
+        for _ in range(tries):
+            self.cold_cache(cache)
+            start = time.monotonic()
+            run([self.tool, "--stdlib", library, "--cache-root", cache, "--quiet", "ensure"])
+            colds.append(time.monotonic() - start)
+            self.cold_cache(cache)
+            process = subprocess.Popen([self.tool, "--stdlib", library, "--cache-root", cache,
+                                        "--json", "ensure"], stdout=subprocess.PIPE, text=True)
+            for line in process.stdout:
+                event = json.loads(line)
+                total = event.get("total", 0)
+                if event.get("event") == "progress" and total > 0 and event["completed"] * 2 >= total:
+                    process.send_signal(2)
+                    break
+            process.stdout.read()
+            if process.wait() != 130:
+                sys.exit("workload: the build to be stopped half way was not interrupted")
+            run(["sync"])
+            start = time.monotonic()
+            out = run([self.tool, "--stdlib", library, "--cache-root", cache, "--json", "ensure"],
+                      capture_output=True, text=True).stdout
+            resumed.append(time.monotonic() - start)
+            kept.append(result_event(out).get("reused"))
+        cold = statistics.median(colds)
+        resume = statistics.median(resumed)
+        for name, times in (("cold ensure", colds), ("ensure resuming from half way", resumed)):
+            self.results["measurements"][name] = {"median_s": statistics.median(times),
+                                                  "runs": len(times)}
+            log(f"  {name:<44} median {format_seconds(statistics.median(times)):>10}  "
+                f"({', '.join(format_seconds(t) for t in times)})")
+        self.figure("8b", resume, cold, resume / cold, f"objects kept from the stopped build: {kept}")
+
+        # 8c: library A, then B (a tenth of the units edited), then A again.
+        other = os.path.join(self.work, "lib-incremental-b")
+        shutil.rmtree(other, ignore_errors=True)
+        shutil.copytree(library, other, symlinks=True)
+        units = sorted(os.path.join(d, f) for d, _, files in os.walk(other)
+                       for f in files if f.endswith(".qr"))
+        for path in units[::10]:
+            with open(path, "a") as stream:
+                stream.write("// library B\n")
+        with open(os.path.join(other, ".quor-stdlib-fingerprint"), "w") as stream:
+            stream.write("b" * 64 + "\n")
+        results = []
+        for root in (other, library):
+            start = time.monotonic()
+            out = run([self.tool, "--stdlib", root, "--cache-root", cache, "--json", "ensure"],
+                      capture_output=True, text=True).stdout
+            results.append((time.monotonic() - start, result_event(out)))
+        (to_b, b_result), (back, a_result) = results
+        log(f"  to B: {format_seconds(to_b)}, compiled {b_result.get('compiled')}; "
+            f"back to A: {format_seconds(back)}, compiled {a_result.get('compiled')}, "
+            f"reused {a_result.get('reused')}")
+        compiled = a_result.get("compiled", -1)
+        self.results["figures"]["8c"] = {
+            "label": GOALS["8c"][0], "measured": compiled, "baseline": 0, "ratio": compiled,
+            "goal": "== 0", "holds": compiled == 0, "count": True,
+            "detail": f"back to A took {format_seconds(back)}; the switch to B compiled "
+                      f"{b_result.get('compiled')} units",
+        }
+        shutil.rmtree(other, ignore_errors=True)
+        shutil.rmtree(library, ignore_errors=True)
+        shutil.rmtree(cache, ignore_errors=True)
+
+        # 8d: from figure 4's runs when they were taken, else measured here.
+        one = self.results["measurements"].get("cold quor-stdlib ensure --jobs 1", {}).get("median_s")
+        two = self.results["measurements"].get("cold quor-stdlib ensure --jobs 2", {}).get("median_s")
+        if one is None or two is None:
+            self.figure4()
+            one = self.results["measurements"]["cold quor-stdlib ensure --jobs 1"]["median_s"]
+            two = self.results["measurements"]["cold quor-stdlib ensure --jobs 2"]["median_s"]
+        self.figure("8d", one, two, one / two, "measured: 1 job, baseline: 2 jobs")
+
     def plot(self, rows, fit):
         data = os.path.join(self.work, "scaling.dat")
         with open(data, "w") as stream:
@@ -431,8 +547,13 @@ plot {json.dumps(data)} using 1:2 with linespoints pt 7 lw 2 title "wall time", 
         for key in sorted(self.results["figures"], key=sort_key):
             f = self.results["figures"][key]
             unit = "x"
-            measured = format_seconds(f["measured"])
-            baseline = format_seconds(f["baseline"])
+            if f.get("count"):
+                unit = ""
+                measured = f"{f['measured']} units"
+                baseline = "-"
+            else:
+                measured = format_seconds(f["measured"])
+                baseline = format_seconds(f["baseline"])
             line = (f"{key:<3} {f['label']:<58} {measured:>10} {baseline:>10} "
                     f"{f['ratio']:>6.2f}{unit} {f['goal']:>7}  {'yes' if f['holds'] else 'NO'}")
             log(line)
@@ -452,6 +573,18 @@ plot {json.dumps(data)} using 1:2 with linespoints pt 7 lw 2 title "wall time", 
             stream.write("|---|---|---|---|---|---|---|\n")
             stream.write("\n".join(rows) + "\n")
         log(f"results: {os.path.join(self.build, 'bench-results.json')} and .md")
+
+
+def result_event(text):
+    """The "result" event of one `ensure --json` run, or {}."""
+    for line in text.splitlines():
+        try:
+            event = json.loads(line)
+        except ValueError:
+            continue
+        if isinstance(event, dict) and event.get("event") == "result":
+            return event
+    return {}
 
 
 def count_builds(texts):
@@ -490,7 +623,7 @@ def format_seconds(value):
 
 
 def sort_key(key):
-    return (int(key.rstrip("ab")), key)
+    return (int(key.rstrip("abcd")), key)
 
 
 def main():
@@ -501,7 +634,7 @@ def main():
                                                            f"quor-bench-{os.getuid()}"))
     parser.add_argument("--plot", help="where to write the scaling plot (PNG)")
     parser.add_argument("--quick", action="store_true", help="fewer runs, no 100,000-unit tree")
-    parser.add_argument("--only", default="1,2,3,4,5,6,7", help="comma-separated figures to run")
+    parser.add_argument("--only", default="1,2,3,4,5,6,7,8", help="comma-separated figures to run")
     parser.add_argument("--keep", action="store_true", help="keep the generated trees")
     args = parser.parse_args()
 
@@ -517,7 +650,7 @@ def main():
         f"work dir {args.work_dir} on {m['filesystem']}, load {info['load'][0]:.2f}")
     wanted = args.only.split(",")
     try:
-        for number in "1234567":
+        for number in "12345678":
             if number in wanted:
                 getattr(bench, f"figure{number}")()
     finally:

@@ -1,33 +1,34 @@
 // The batch precompiler and the library cache's object-ABI record.
 //
-// precompileSources() checks every unit against the library root first, then
-// runs the front end (compiler/UnitCompiler.h) on a pool of worker threads.
-// Workers publish each object by writing a temporary file beside it and
-// renaming it into place; the calling thread hands out progress reports as
-// workers finish, and a single syncfs() at the end makes the whole batch
-// durable, which is far cheaper than one fsync per object.
+// precompileSources() checks every unit against the library root first, sweeps
+// from the library cache whatever belongs to no unit of the batch, then brings
+// each unit's object up to date on a pool of worker threads: a sound object is
+// kept, one set aside by an earlier build is moved back, and only the rest is
+// compiled (compiler/ObjectCache.h). The calling thread hands out progress
+// reports in batches as workers finish, and a single syncfs() at the end makes
+// the whole batch durable, which is far cheaper than one fsync per object.
 
 #include "compiler/Compiler.h"
 
 #include "compiler/CacheTrust.h"
+#include "compiler/ObjectCache.h"
 #include "compiler/Runtime.h"
 #include "compiler/SourceManager.h"
-#include "compiler/Tokenizer.h"
-#include "compiler/UnitCompiler.h"
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <cstring>
-#include <deque>
+#include <exception>
 #include <fcntl.h>
 #include <filesystem>
-#include <fstream>
+#include <iterator>
 #include <mutex>
+#include <optional>
 #include <set>
-#include <signal.h>
 #include <stdexcept>
 #include <sys/stat.h>
 #include <system_error>
@@ -42,53 +43,13 @@ namespace fs = std::filesystem;
 
 // Raise it whenever docs/object-format.md changes: a cache written for another
 // value is cleared by ensureObjectAbiCacheCurrent().
-constexpr int objectAbi = 1;
+constexpr int objectAbi = 2;
 
 // The file in the library cache that names the ABI its objects were written for.
 constexpr const char* abiRecordName = ".quor-object-abi";
 
 std::string systemMessage(int error) {
     return std::generic_category().message(error);
-}
-
-// A name for a temporary file that no other thread or process of this machine
-// picks at the same time.
-std::string temporarySuffix() {
-    static std::atomic<unsigned long> counter{0};
-    return ".tmp." + std::to_string(::getpid()) + "." + std::to_string(++counter);
-}
-
-// Writes `data` to `path` through a temporary sibling and a rename. Returns 0,
-// or the errno of the step that failed, in which case no temporary file remains.
-int writeFileAtomically(const fs::path& path, std::string_view data) {
-    fs::path temporary = path.parent_path() / ("." + path.filename().native() + temporarySuffix());
-    int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-    if (fd < 0) {
-        return errno;
-    }
-    int error = 0;
-    std::size_t written = 0;
-    while (written < data.size()) {
-        ssize_t count = ::write(fd, data.data() + written, data.size() - written);
-        if (count < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            error = errno;
-            break;
-        }
-        written += static_cast<std::size_t>(count);
-    }
-    if (::close(fd) != 0 && error == 0) {
-        error = errno;
-    }
-    if (error == 0 && ::rename(temporary.c_str(), path.c_str()) != 0) {
-        error = errno;
-    }
-    if (error != 0) {
-        ::unlink(temporary.c_str()); // best effort: the error being reported is the first one
-    }
-    return error;
 }
 
 // The record is one short word; anything past this many bytes cannot be part of
@@ -135,66 +96,6 @@ std::string readAbiRecord(const fs::path& path) {
     return text.substr(begin, end == std::string::npos ? std::string::npos : end - begin);
 }
 
-// One unit of a batch: the path as the caller named it, the path below the
-// library root that the object records, and where the object goes.
-struct Unit {
-    std::string source;
-    std::string unitPath;
-    fs::path object;
-};
-
-std::vector<Unit> planUnits(const std::vector<std::string>& sources) {
-    const Runtime& runtime = Runtime::getInstance();
-    std::error_code error;
-    fs::path root = fs::absolute(runtime.getStandardLibraryPath(), error).lexically_normal();
-    if (error) {
-        root = fs::path(runtime.getStandardLibraryPath()).lexically_normal();
-    }
-    fs::path lib = runtime.getLibCachePath();
-    std::vector<Unit> units;
-    units.reserve(sources.size());
-    for (const std::string& source : sources) {
-        fs::path absolute = fs::absolute(source, error).lexically_normal();
-        if (error) {
-            absolute = fs::path(source).lexically_normal();
-        }
-        fs::path relative = absolute.lexically_relative(root);
-        if (relative.empty() || *relative.begin() == ".." || *relative.begin() == "." ||
-            !absolute.has_filename()) {
-            throw std::runtime_error(source + ":1:1: the unit lies outside the standard library '" +
-                                     root.native() + "'");
-        }
-        if (relative.extension() != ".qr") {
-            throw std::runtime_error(source +
-                                     ":1:1: not a Quor source unit (its name must end in .qr)");
-        }
-        fs::path object = lib / relative;
-        object.replace_extension(".qo");
-        units.push_back({source, relative.generic_string(), object});
-    }
-    return units;
-}
-
-// Compiles one unit and publishes its object. Every failure is thrown as a
-// std::runtime_error whose message starts with "path:line:column: ".
-void compileOne(const Unit& unit) {
-    std::shared_ptr<const std::string> text = SourceManager::instance().contents(unit.source);
-    if (!text) {
-        throw std::runtime_error(unit.source + ":1:1: unable to read the unit");
-    }
-    std::string object;
-    try {
-        object = compileUnit(*text, unit.unitPath, objectAbi);
-    } catch (const SourceError& error) {
-        throw std::runtime_error(unit.source + ":" + std::to_string(error.line()) + ":" +
-                                 std::to_string(error.column()) + ": " + error.what());
-    }
-    if (int error = writeFileAtomically(unit.object, object); error != 0) {
-        throw std::runtime_error(unit.source + ":1:1: unable to write its object '" +
-                                 unit.object.native() + "': " + systemMessage(error));
-    }
-}
-
 // What a worker tells the calling thread: unit `index` is done, or failed with
 // `failure`.
 struct Event {
@@ -203,54 +104,112 @@ struct Event {
     std::string failure;
 };
 
+// Finished units are handed to the calling thread in batches: a worker queues
+// each one under the mutex, which costs nothing while nobody else holds it,
+// and wakes the calling thread only when a batch is full, a unit failed or the
+// worker leaves. The calling thread also looks on its own every
+// reportInterval, so a slow build still reports every unit within that time.
+// Waking it once per unit cost more than the units themselves on a large
+// library, and made two workers slower than one.
+constexpr std::size_t reportBatch = 64;
+
+// The most units a worker takes at a time (see Batch::runChunk). Small
+// batches are handed out one unit at a time, so that every worker gets work.
+constexpr std::size_t maxChunk = 16;
+constexpr std::chrono::milliseconds reportInterval{40};
+
 // The state the workers share with the calling thread.
 struct Batch {
-    const std::vector<Unit>& units;
+    const std::vector<PlannedObject>& units;
+    const fs::path& setAside;
     std::atomic<std::size_t> next{0};
     std::atomic<bool> stop{false};
+    std::atomic<std::size_t> compiled{0};
+    std::atomic<std::size_t> reused{0};
+    std::atomic<std::uint64_t> objectBytes{0};
+    std::mutex writing; // held by the worker that writes its objects
     std::mutex mutex;
     std::condition_variable changed;
-    std::deque<Event> events;
-    std::size_t running = 0; // workers that have not exited; guarded by mutex
+    std::vector<Event> events; // guarded by mutex
+    std::size_t running = 0;   // workers that have not exited; guarded by mutex
 
-    explicit Batch(const std::vector<Unit>& batchUnits) : units(batchUnits) {}
+    Batch(const std::vector<PlannedObject>& batchUnits, const fs::path& setAsideArea)
+        : units(batchUnits), setAside(setAsideArea) {}
 
-    void post(Event event) {
-        std::lock_guard lock(mutex);
-        events.push_back(std::move(event));
-        changed.notify_one();
-    }
-
-    // Compiles the next unit nobody has taken and posts what became of it.
-    // False when the batch is stopped or every unit is taken.
-    bool runNext() {
+    // Takes the next units nobody has taken, brings each up to date, and
+    // appends one event per unit it handled to `done`: the units whose objects
+    // are in place, and the failure that stopped it, if any. False when the
+    // batch is stopped or every unit is taken.
+    //
+    // The objects it compiled are written together at the end, one worker at a
+    // time. On ext4, threads that create files at once race for the same free
+    // inodes and retry, which cost two workers more kernel time than one
+    // worker's whole build; writing a handful of objects in one go keeps the
+    // hand-over of the write lock rare, so one worker compiles while the other
+    // writes.
+    bool runChunk(std::vector<Event>& done, std::size_t chunk) {
         if (stop.load()) {
             return false;
         }
-        std::size_t index = next.fetch_add(1);
-        if (index >= units.size()) {
+        const std::size_t first = next.fetch_add(chunk);
+        if (first >= units.size()) {
             return false;
         }
-        Event event;
-        event.index = index;
-        try {
-            compileOne(units[index]);
-        } catch (const std::exception& error) {
-            event.failed = true;
-            event.failure = error.what();
-        } catch (...) {
-            event.failed = true;
-            event.failure = units[index].source + ":1:1: unknown failure";
-        }
-        if (event.failed) {
+        const std::size_t last = std::min(first + chunk, units.size());
+        std::vector<std::pair<std::size_t, std::string>> compiledObjects;
+        std::optional<Event> failure;
+        const auto fail = [&](std::size_t index, std::string message) {
+            if (!failure) {
+                failure = Event{index, true, std::move(message)};
+            }
             stop.store(true);
+        };
+        for (std::size_t index = first; index < last && !stop.load(); ++index) {
+            try {
+                ObjectUpdate update = updateObject(units[index], setAside, objectAbi);
+                objectBytes.fetch_add(update.bytes);
+                if (update.outcome == ObjectOutcome::Compiled) {
+                    compiledObjects.emplace_back(index, std::move(update.object));
+                } else {
+                    reused.fetch_add(1);
+                    done.push_back(Event{index, false, {}});
+                }
+            } catch (const std::exception& error) {
+                fail(index, error.what());
+            } catch (...) {
+                fail(index, units[index].source + ":1:1: unknown failure");
+            }
         }
-        post(std::move(event));
+        if (!compiledObjects.empty()) {
+            std::lock_guard lock(writing);
+            for (const auto& [index, object] : compiledObjects) {
+                try {
+                    writeObject(units[index], object);
+                    compiled.fetch_add(1);
+                    done.push_back(Event{index, false, {}});
+                } catch (const std::exception& error) {
+                    fail(index, error.what());
+                    break;
+                }
+            }
+        }
+        if (failure) {
+            done.push_back(std::move(*failure));
+        }
         return true;
     }
 
-    void work() {
-        while (runNext()) {
+    void work(std::size_t chunk) {
+        std::vector<Event> done;
+        while (runChunk(done, chunk)) {
+            std::lock_guard lock(mutex);
+            const bool wasShort = events.size() < reportBatch;
+            const bool failed = !done.empty() && done.back().failed;
+            std::move(done.begin(), done.end(), std::back_inserter(events));
+            done.clear();
+            if ((wasShort && events.size() >= reportBatch) || failed) {
+                changed.notify_one();
+            }
         }
         std::lock_guard lock(mutex);
         --running;
@@ -270,12 +229,13 @@ constexpr std::size_t maxWorkerThreads = 256;
 // told to stop and are joined before the shared state goes away.
 class WorkerPool {
 public:
-    // Starts up to `count` workers. A thread that cannot be started (the user's
+    // Starts up to `count` workers, each taking `chunk` units at a time. A
+    // thread that cannot be started (the user's
     // process limit or the memory ran out) is no error: the batch goes on with
     // the workers already running, and with none at all the calling thread
     // compiles the units itself. So the constructor never throws, and never
     // leaves a started thread unowned.
-    WorkerPool(Batch& batch, std::size_t count) : batch_(batch) {
+    WorkerPool(Batch& batch, std::size_t count, std::size_t chunk) : batch_(batch) {
         try {
             threads_.reserve(count);
         } catch (...) {
@@ -287,7 +247,7 @@ public:
             try {
                 // Reserved above, so only the thread's own start can throw, and
                 // then the vector is left as it was.
-                threads_.emplace_back([&batch] { batch.work(); });
+                threads_.emplace_back([&batch, chunk] { batch.work(chunk); });
             } catch (...) {
                 --batch.running;
                 break;
@@ -323,49 +283,6 @@ void syncLibraryCache(const std::string& lib) {
     }
 }
 
-// The process id in a temporary object's name (".<name>.tmp.<pid>.<n>"), or 0
-// when the name is not one of ours.
-pid_t temporaryWriter(const std::string& name) {
-    const std::size_t marker = name.rfind(".tmp.");
-    if (name.empty() || name[0] != '.' || marker == std::string::npos) {
-        return 0;
-    }
-    const std::size_t start = marker + 5;
-    const std::size_t end = name.find('.', start);
-    if (end == std::string::npos || end == start) {
-        return 0;
-    }
-    pid_t pid = 0;
-    for (std::size_t i = start; i < end; ++i) {
-        if (name[i] < '0' || name[i] > '9' || pid > 99999999) {
-            return 0;
-        }
-        pid = pid * 10 + (name[i] - '0');
-    }
-    return pid;
-}
-
-// A build that was killed leaves its temporary objects behind; they are never
-// taken for objects, but they take space. Only those whose writing process is
-// gone are removed, so a precompile running in another process keeps its own.
-// Best effort: a temporary that cannot be removed costs space, not correctness.
-void removeAbandonedTemporaries(const fs::path& lib) {
-    std::error_code error;
-    fs::recursive_directory_iterator entries(lib, fs::directory_options::skip_permission_denied,
-                                             error);
-    for (; !error && entries != fs::recursive_directory_iterator(); entries.increment(error)) {
-        std::error_code statusError;
-        if (!entries->is_regular_file(statusError) || entries->is_symlink(statusError)) {
-            continue;
-        }
-        const pid_t writer = temporaryWriter(entries->path().filename().native());
-        if (writer > 0 && ::kill(writer, 0) != 0 && errno == ESRCH) {
-            std::error_code ignored;
-            fs::remove(entries->path(), ignored); // best effort, see above
-        }
-    }
-}
-
 // Vouches for the cache root before the library cache is changed, and creates
 // the cache branch and the library cache when they are missing. Only a cache
 // the running user owns is written to: one owned by root is left to root.
@@ -381,44 +298,13 @@ void verifyLibraryCache() {
     if (verifyCacheRoot(root,
                         {{branch, Kind::Directory},
                          {lib, Kind::Directory},
-                         {lib / abiRecordName, Kind::DataFile}},
+                         {lib / abiRecordName, Kind::DataFile},
+                         {setAsideDirectory(), Kind::Directory}},
                         true) == CacheAccess::ReadOnly) {
         throw UntrustedCacheError("Quor cache root '" + root.native() +
                                   "' belongs to root and is read-only for you; ask an "
                                   "administrator to build it there, or choose a cache root that "
                                   "you own");
-    }
-}
-
-// Withdraws the readiness marker that vouches for the library cache, before the
-// cache is changed. Every identity that shares a cache root shares its library
-// cache and its marker (the bootstrap keeps it at <cache root>/.first-launch/
-// <version>/<library cache leaf>/.quor-stdlib-ready); a build for another
-// library that changed the objects and then failed would otherwise leave the
-// marker of the last good build vouching for objects it never saw. The removal
-// is made durable before anything else changes, so a crash cannot bring the
-// marker back over changed objects.
-void withdrawReadinessMarker() {
-    const Runtime& runtime = Runtime::getInstance();
-    const fs::path state = fs::path(runtime.getCacheBranchPath()).parent_path() / ".first-launch" /
-                           QUOR_COMPILER_VERSION / fs::path(runtime.getLibCachePath()).filename();
-    const fs::path marker = state / ".quor-stdlib-ready";
-    if (::unlink(marker.c_str()) != 0) {
-        // Nothing there, or a directory, which vouches for nothing either.
-        if (errno == ENOENT || errno == ENOTDIR || errno == EISDIR) {
-            return;
-        }
-        throw std::runtime_error("Unable to withdraw Quor readiness marker '" + marker.native() +
-                                 "': " + systemMessage(errno));
-    }
-    const int fd = ::open(state.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    const int error = fd < 0 ? errno : ::fsync(fd) == 0 ? 0 : errno;
-    if (fd >= 0) {
-        ::close(fd); // read-only directory descriptor: nothing to lose on close
-    }
-    if (error != 0) {
-        throw std::runtime_error("Unable to withdraw Quor readiness marker '" + marker.native() +
-                                 "': " + systemMessage(error));
     }
 }
 
@@ -493,40 +379,21 @@ void createObjectDirectory(const fs::path& lib, const fs::path& directory) {
     }
 }
 
-} // namespace
-
-int Compiler::objectAbiVersion() {
-    return objectAbi;
-}
-
-void Compiler::ensureObjectAbiCacheCurrent() {
-    const fs::path lib = Runtime::getInstance().getLibCachePath();
+// Removes every entry of `directory` but the one named `keep`. remove_all()
+// deletes a symbolic link itself, never what it points to. A missing
+// directory has nothing to remove.
+void clearDirectory(const fs::path& directory, const std::string& keep) {
     std::error_code error;
-    verifyLibraryCache();
-    withdrawReadinessMarker();
-    {
-        PreparedLibraryCache& prepared = preparedLibraryCache();
-        std::lock_guard lock(prepared.mutex);
-        prepared.path = lib;
-        prepared.identity = identityOf(lib);
-    }
-    const fs::path record = lib / abiRecordName;
-    const std::string current = std::to_string(objectAbi);
-    if (readAbiRecord(record) == current) {
-        removeAbandonedTemporaries(lib);
+    fs::directory_iterator entries(directory, error);
+    if (error == std::errc::no_such_file_or_directory) {
         return;
     }
-
-    // Everything in the library cache was written by the precompiler for the
-    // recorded ABI (or for none, when the record is missing), so all of it goes.
-    // remove_all() deletes a symbolic link itself, never what it points to.
-    fs::directory_iterator entries(lib, error);
     if (error) {
-        throw std::runtime_error("Unable to inspect Quor library cache '" + lib.native() +
+        throw std::runtime_error("Unable to inspect Quor library cache '" + directory.native() +
                                  "': " + error.message());
     }
     for (; entries != fs::directory_iterator(); entries.increment(error)) {
-        if (entries->path().filename() == abiRecordName) {
+        if (!keep.empty() && entries->path().filename() == keep) {
             continue;
         }
         fs::remove_all(entries->path(), error);
@@ -536,10 +403,52 @@ void Compiler::ensureObjectAbiCacheCurrent() {
         }
     }
     if (error) {
-        throw std::runtime_error("Unable to inspect Quor library cache '" + lib.native() +
+        throw std::runtime_error("Unable to inspect Quor library cache '" + directory.native() +
                                  "': " + error.message());
     }
+}
 
+} // namespace
+
+int Compiler::objectAbiVersion() {
+    return objectAbi;
+}
+
+void Compiler::ensureObjectAbiCacheCurrent() {
+    const fs::path lib = Runtime::getInstance().getLibCachePath();
+    verifyLibraryCache();
+    withdrawReadinessMarker();
+    // A build follows: its walk of the library asks for every unit's text, so
+    // reading them starts now, beside it. Should this check fail, no build
+    // follows and the read-ahead stops with it.
+    SourceManager& sources = SourceManager::instance();
+    sources.readAhead(Runtime::getInstance().getStandardLibraryPath());
+    struct StopReadAheadOnFailure {
+        SourceManager& sources;
+        int exceptions = std::uncaught_exceptions();
+        ~StopReadAheadOnFailure() {
+            if (std::uncaught_exceptions() > exceptions) {
+                sources.stopReadAhead();
+            }
+        }
+    } stopOnFailure{sources};
+    {
+        PreparedLibraryCache& prepared = preparedLibraryCache();
+        std::lock_guard lock(prepared.mutex);
+        prepared.path = lib;
+        prepared.identity = identityOf(lib);
+    }
+    const fs::path record = lib / abiRecordName;
+    const std::string current = std::to_string(objectAbi);
+    if (readAbiRecord(record) == current) {
+        return; // the precompiler sweeps what else is there
+    }
+
+    // Everything in the library cache and the set-aside area was written by the
+    // precompiler for the recorded ABI (or for none, when the record is
+    // missing), so all of it goes.
+    clearDirectory(lib, abiRecordName);
+    clearDirectory(setAsideDirectory(), "");
     if (int failure = writeFileAtomically(record, current + "\n"); failure != 0) {
         throw std::runtime_error("Unable to record Quor object ABI '" + record.native() +
                                  "': " + systemMessage(failure));
@@ -551,11 +460,12 @@ void Compiler::precompileSources(
     const std::function<void(const CompilationProgress&)>& onProgress) {
     // The front end keeps no state across units yet, so the context is unused.
     (void)context;
-    if (sources.empty()) {
-        return;
-    }
-    const std::vector<Unit> units = planUnits(sources);
+    // The walk that named `sources` has read them all; a read-ahead started for
+    // it has nothing left to do, and no thread of it outlives the build.
+    SourceManager::instance().stopReadAhead();
+    const std::vector<PlannedObject> units = planObjects(sources);
     const std::string& lib = Runtime::getInstance().getLibCachePath();
+    const fs::path setAside = setAsideDirectory();
 
     // The library cache must still be the one that was made current, and stay
     // so until every object is durable; otherwise a readiness marker written
@@ -585,53 +495,83 @@ void Compiler::precompileSources(
     }
     const std::string recordAtStart = readAbiRecord(fs::path(lib) / abiRecordName);
 
+    // The batch is the whole library: whatever in the cache belongs to none of
+    // its units goes first, so that the cache ends up as a clean build of this
+    // batch would leave it.
+    PrecompileSummary summary;
+    summary.removed = sweepLibraryCache(lib, units, setAside, abiRecordName);
+    recordPrecompileSummary(summary);
+
     std::set<fs::path> directories;
-    for (const Unit& unit : units) {
+    for (const PlannedObject& unit : units) {
         directories.insert(unit.object.parent_path());
     }
     for (const fs::path& directory : directories) {
         createObjectDirectory(lib, directory);
     }
 
-    Batch batch(units);
+    Batch batch(units, setAside);
+    const auto recordSummary = [&] {
+        summary.compiled = batch.compiled.load();
+        summary.reused = batch.reused.load();
+        recordPrecompileSummary(summary);
+    };
     const std::size_t workers = std::min<std::size_t>(
         {Runtime::getInstance().getJobCount(), units.size(), maxWorkerThreads});
-    {
-        WorkerPool pool(batch, std::max<std::size_t>(workers, 1));
+    try {
+        const std::size_t chunk = std::clamp<std::size_t>(
+            units.size() / (std::max<std::size_t>(workers, 1) * 8), 1, maxChunk);
+        WorkerPool pool(batch, workers, chunk);
         std::size_t completed = 0;
+        std::vector<Event> handed;
         while (completed < units.size()) {
+            handed.clear();
             if (pool.size() == 0) {
-                // No thread could be started: this one compiles the next unit,
-                // and reports it below like a worker's.
-                batch.runNext();
+                // No thread could be started: this one brings the next unit up
+                // to date itself, and reports it below like a worker's.
+                batch.runChunk(handed, 1);
+            } else {
+                std::unique_lock lock(batch.mutex);
+                batch.changed.wait_for(lock, reportInterval, [&] {
+                    return batch.events.size() >= reportBatch || batch.running == 0 ||
+                           (!batch.events.empty() && batch.events.back().failed);
+                });
+                handed.swap(batch.events);
             }
-            std::unique_lock lock(batch.mutex);
-            batch.changed.wait(lock, [&] { return !batch.events.empty() || batch.running == 0; });
-            if (batch.events.empty()) {
-                // Every worker exited without reporting the rest: cannot happen
-                // unless a worker was stopped, which only a failure does.
+            if (handed.empty() && (pool.size() == 0 || batch.running == 0)) {
+                // Every worker left without reporting the rest: only a failure
+                // stops them, and its event came first.
                 break;
             }
-            Event event = std::move(batch.events.front());
-            batch.events.pop_front();
-            lock.unlock();
-            if (event.failed) {
-                batch.stop.store(true);
-                throw std::runtime_error(event.failure);
-            }
-            ++completed;
-            if (onProgress) {
-                CompilationProgress progress;
-                progress.completed = completed;
-                progress.total = units.size();
-                progress.sourcePath = units[event.index].source;
-                onProgress(progress);
+            for (Event& event : handed) {
+                if (event.failed) {
+                    batch.stop.store(true);
+                    throw std::runtime_error(event.failure);
+                }
+                ++completed;
+                if (onProgress) {
+                    CompilationProgress progress;
+                    progress.completed = completed;
+                    progress.total = units.size();
+                    progress.sourcePath = units[event.index].source;
+                    onProgress(progress);
+                }
             }
         }
         if (completed < units.size()) {
             throw std::runtime_error("Quor precompiler workers stopped before finishing");
         }
+    } catch (...) {
+        recordSummary();
+        throw;
     }
+    recordSummary();
+
+    // The set-aside area may hold as much as the library itself: enough to go
+    // back to the previous library, or to undo a change, without compiling.
+    constexpr std::uint64_t setAsideFloor = std::uint64_t(16) << 20;
+    trimSetAside(setAside, std::max(batch.objectBytes.load(), setAsideFloor));
+
     if (!(identityOf(lib) == identity)) {
         throw libraryCacheReplaced(lib);
     }

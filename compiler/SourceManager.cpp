@@ -5,18 +5,27 @@
 
 #include "compiler/SourceManager.h"
 
+#include "compiler/PathText.h"
+
 #include <cerrno>
 #include <fcntl.h>
 #include <new>
 #include <stdexcept>
 #include <sys/stat.h>
+#include <system_error>
 #include <unistd.h>
+#include <vector>
 
 namespace quor::compiler {
 
 namespace {
 
 std::string cacheKey(const std::filesystem::path& file) {
+    // The paths a build asks for are absolute and normal already; building a
+    // normalised copy of each would cost more than the look-up itself.
+    if (isAbsoluteAndNormal(file.native())) {
+        return file.native();
+    }
     std::error_code error;
     std::filesystem::path absolute = std::filesystem::absolute(file, error);
     return (error ? file : absolute).lexically_normal().native();
@@ -39,15 +48,21 @@ std::shared_ptr<const std::string> readWholeFile(const std::string& path) {
             text = std::make_shared<std::string>();
             // The size is a hint only: a file may change while it is read, and
             // the text is whatever the reads return up to end of file.
+            // One byte more than the size is asked for, so that a read
+            // returning less shows the end of the file without a second call.
             text->resize(static_cast<std::size_t>(status.st_size) + 1);
             std::size_t used = 0;
             for (;;) {
                 if (used == text->size()) {
                     text->resize(text->size() * 2);
                 }
-                ssize_t count = ::read(fd, text->data() + used, text->size() - used);
+                const std::size_t wanted = text->size() - used;
+                ssize_t count = ::read(fd, text->data() + used, wanted);
                 if (count > 0) {
                     used += static_cast<std::size_t>(count);
+                    if (static_cast<std::size_t>(count) < wanted) {
+                        break; // a regular file reads short only at its end
+                    }
                 } else if (count == 0) {
                     break;
                 } else if (errno != EINTR) {
@@ -114,6 +129,59 @@ std::shared_ptr<const std::string> SourceManager::contents(const std::filesystem
 void SourceManager::clear() {
     std::lock_guard lock(mutex_);
     texts_.clear();
+}
+
+void SourceManager::readAhead(const std::filesystem::path& root) {
+    stopReadAhead();
+    std::lock_guard lock(readAheadMutex_);
+    stopReadAhead_.store(false);
+    try {
+        readAhead_ = std::thread([this, root] {
+            // The walk that follows reads from the first file on; this thread
+            // reads from the last one back, so the two meet once, near the
+            // middle, instead of one waiting on the other at every file.
+            namespace fs = std::filesystem;
+            std::vector<fs::path> files;
+            std::error_code error;
+            fs::recursive_directory_iterator entries(
+                root, fs::directory_options::skip_permission_denied, error);
+            for (; !error && entries != fs::recursive_directory_iterator() &&
+                   !stopReadAhead_.load(std::memory_order_relaxed);
+                 entries.increment(error)) {
+                std::error_code typeError;
+                const fs::file_status status = entries->symlink_status(typeError);
+                if (fs::is_regular_file(status) && entries->path().extension() == ".qr") {
+                    files.push_back(entries->path());
+                }
+            }
+            for (auto file = files.rbegin();
+                 file != files.rend() && !stopReadAhead_.load(std::memory_order_relaxed); ++file) {
+                const std::string key = cacheKey(*file);
+                {
+                    std::lock_guard guard(mutex_);
+                    if (texts_.count(key) != 0 || reading_.count(key) != 0) {
+                        return; // the walk got here first: the rest is its own
+                    }
+                }
+                contents(*file);
+            }
+        });
+    } catch (const std::system_error&) {
+        // No thread to be had (the process limit, memory): the requests read
+        // each file themselves, as they would without a read-ahead.
+    }
+}
+
+void SourceManager::stopReadAhead() {
+    std::lock_guard lock(readAheadMutex_);
+    if (readAhead_.joinable()) {
+        stopReadAhead_.store(true);
+        readAhead_.join();
+    }
+}
+
+SourceManager::~SourceManager() {
+    stopReadAhead();
 }
 
 } // namespace quor::compiler

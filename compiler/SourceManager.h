@@ -5,11 +5,13 @@
 #ifndef QUOR_COMPILER_SOURCEMANAGER_H
 #define QUOR_COMPILER_SOURCEMANAGER_H
 
+#include <atomic>
 #include <condition_variable>
 #include <filesystem>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -28,6 +30,22 @@ public:
     // Forgets every cached text, so that the next request reads from disk.
     void clear();
 
+    // Starts reading, on a thread of its own, every regular ".qr" file below
+    // `root` that is not reached through a symbolic link, in the order a walk of
+    // the tree meets them, so that the requests that follow find their text
+    // read already (or being read, and wait for it instead of reading it
+    // again). A build calls it before it walks the library: reading the files
+    // and walking them then take two processors instead of one. Returns at
+    // once and never throws; when no thread can be started nothing is read
+    // ahead. Ends a read-ahead that still runs first.
+    void readAhead(const std::filesystem::path& root);
+
+    // Stops the read-ahead, if one runs, and waits for its thread. Texts it
+    // read stay cached.
+    void stopReadAhead();
+
+    ~SourceManager();
+
     SourceManager(const SourceManager&) = delete;
     SourceManager& operator=(const SourceManager&) = delete;
 
@@ -39,6 +57,10 @@ private:
     // Files some thread is reading right now; others wait on readDone_ for them.
     std::unordered_set<std::string> reading_;
     std::condition_variable readDone_;
+
+    std::mutex readAheadMutex_; // guards readAhead_
+    std::thread readAhead_;
+    std::atomic<bool> stopReadAhead_{false};
 };
 
 } // namespace quor::compiler

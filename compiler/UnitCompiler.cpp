@@ -94,7 +94,7 @@ public:
         }
     }
 
-    std::string run(int abi) {
+    std::string run(int abi, std::string_view sourceSha256) {
         for (std::size_t i = 0; i < tokens_.size(); ++i) {
             const Token& token = tokens_[i];
             if (i == 0 || tokens_[i - 1].line != token.line) {
@@ -108,7 +108,7 @@ public:
             throw SourceError(innermost.line, innermost.column,
                               std::string("unclosed '") + innermost.bracket + "'");
         }
-        return render(abi);
+        return render(abi, sourceSha256);
     }
 
 private:
@@ -366,7 +366,7 @@ private:
         return record;
     }
 
-    std::string render(int abi) const {
+    std::string render(int abi, std::string_view sourceSha256) const {
         std::string out = "QUOR-OBJECT";
         appendField(out, std::to_string(abi));
         out += "\nunit";
@@ -374,7 +374,7 @@ private:
         out += "\nsource-size";
         appendField(out, std::to_string(text_.size()));
         out += "\nsource-sha256";
-        appendField(out, Sha256::hex(text_));
+        appendField(out, sourceSha256.empty() ? Sha256::hex(text_) : std::string(sourceSha256));
         out += "\npackage";
         appendField(out, package_);
         out += '\n';
@@ -382,8 +382,13 @@ private:
             out += record;
             out += '\n';
         }
+        // The last record vouches for every byte before it, so that a reader
+        // tells a truncated or edited object from a sound one without compiling
+        // the unit again.
+        const std::string bodyDigest = Sha256::hex(out);
         out += "end";
         appendField(out, std::to_string(records_.size()));
+        appendField(out, bodyDigest);
         out += '\n';
         return out;
     }
@@ -404,8 +409,15 @@ private:
 
 } // namespace
 
-std::string compileUnit(std::string_view text, std::string_view unitPath, int abi) {
-    return UnitCompiler(text, unitPath).run(abi);
+std::string objectField(std::string_view field) {
+    std::string out;
+    appendField(out, field);
+    return out.substr(1);
+}
+
+std::string compileUnit(std::string_view text, std::string_view unitPath, int abi,
+                        std::string_view sourceSha256) {
+    return UnitCompiler(text, unitPath).run(abi, sourceSha256);
 }
 
 } // namespace quor::compiler

@@ -17,9 +17,16 @@ namespace quor::compiler {
 // The object of the unit whose text is `text`. `unitPath` is the unit's path
 // below the library root with '/' separators ("collections/List.qr"); it is
 // recorded in the object and fixes the package the unit may declare. `abi` is
-// the object format's version. Throws SourceError (compiler/Tokenizer.h) for
-// the first problem found; safe to call from several threads at once.
-std::string compileUnit(std::string_view text, std::string_view unitPath, int abi);
+// the object format's version. `sourceSha256`, when not empty, is the caller's
+// SHA-256 of `text` in hexadecimal, which spares hashing the text twice. Throws
+// SourceError (compiler/Tokenizer.h) for the first problem found; safe to call
+// from several threads at once.
+std::string compileUnit(std::string_view text, std::string_view unitPath, int abi,
+                        std::string_view sourceSha256 = {});
+
+// `field` as an object records it between tabs: backslash, tab, carriage return
+// and line feed escaped, nothing else.
+std::string objectField(std::string_view field);
 
 } // namespace quor::compiler
 

@@ -67,6 +67,7 @@ void Compiler::precompileSources(const std::vector<std::string>&, std::shared_pt
 }
 
 SourceManager::SourceManager() = default;
+SourceManager::~SourceManager() = default;
 
 SourceManager& SourceManager::instance() {
     static SourceManager manager;

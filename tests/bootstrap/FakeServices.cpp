@@ -231,6 +231,7 @@ void Compiler::precompileSources(
 }
 
 SourceManager::SourceManager() = default;
+SourceManager::~SourceManager() = default;
 
 SourceManager& SourceManager::instance() {
     logCall("SourceManager::instance");

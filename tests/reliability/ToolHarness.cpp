@@ -161,7 +161,9 @@ Tree snapshot(const fs::path& root, bool (*skip)(const std::string& name)) {
             tree[relative] = readFile(entry->path());
         } else if (fs::is_symlink(status)) {
             tree[relative] = "<link>";
-        } else if (!fs::is_directory(status)) {
+        } else if (fs::is_directory(status)) {
+            tree[relative] = "<directory>";
+        } else {
             tree[relative] = "<special>";
         }
     }

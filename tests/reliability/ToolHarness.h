@@ -47,9 +47,9 @@ ToolRun runTool(const std::vector<std::string>& arguments,
 // Waits for `pid` and returns its exit status, or 128 + signal.
 int waitFor(pid_t pid);
 
-// Every regular file below `root` (relative path -> content), skipping the
-// files for which `skip` of their name is true. Symbolic links and other
-// special files are listed with a content that says what they are.
+// Every entry below `root` (relative path -> content), skipping those for
+// which `skip` of their name is true. Directories, symbolic links and special
+// files are listed with a content that says what they are.
 using Tree = std::map<std::string, std::string>;
 Tree snapshot(const std::filesystem::path& root, bool (*skip)(const std::string& name) = nullptr);
 

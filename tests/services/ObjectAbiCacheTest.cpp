@@ -85,21 +85,4 @@ TEST_F(ObjectAbiCacheTest, AFileWhereTheBranchShouldBeIsRefused) {
     }
 }
 
-TEST_F(ObjectAbiCacheTest, TemporariesOfAGoneWriterAreRemovedAndLiveOnesKept) {
-    Compiler::ensureObjectAbiCacheCurrent();
-    // Above any pid the kernel hands out (pid_max is at most 2^22).
-    const fs::path abandoned = lib() / "core" / ".Int.qo.tmp.99999999.3";
-    const fs::path live = lib() / "core" / (".Text.qo.tmp." + std::to_string(::getpid()) + ".1");
-    const fs::path object = lib() / "core" / "Int.qo";
-    writeFile(abandoned, "partial");
-    writeFile(live, "partial");
-    writeFile(object, "object");
-
-    Compiler::ensureObjectAbiCacheCurrent();
-
-    EXPECT_FALSE(fs::exists(abandoned));
-    EXPECT_TRUE(fs::exists(live));
-    EXPECT_EQ(readFile(object), "object");
-}
-
 } // namespace

@@ -78,6 +78,32 @@ TEST(Sha256Test, MatchesKnownDigests) {
               "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0");
 }
 
+TEST(Sha256Test, GivesTheSameDigestHoweverTheInputIsSplit) {
+    std::string message;
+    for (int i = 0; i < 1000; ++i) {
+        message += static_cast<char>(i * 7 + 3);
+    }
+    const std::string whole = Sha256::hex(message);
+    for (std::size_t piece : {1u, 3u, 63u, 64u, 65u, 127u, 999u}) {
+        Sha256 hash;
+        for (std::size_t at = 0; at < message.size(); at += piece) {
+            hash.update(std::string_view(message).substr(at, piece));
+        }
+        EXPECT_EQ(Sha256::toHex(hash.finish()), whole) << piece;
+    }
+}
+
+TEST(Sha256Test, MatchesTheLongMessageVector) {
+    // FIPS 180-2, appendix B.3: one million repetitions of 'a', fed in pieces.
+    Sha256 hash;
+    const std::string block(1000, 'a');
+    for (int i = 0; i < 1000; ++i) {
+        hash.update(block);
+    }
+    EXPECT_EQ(Sha256::toHex(hash.finish()),
+              "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0");
+}
+
 TEST_F(PrecompilerTest, WritesTheDeclarationsOfEachUnitBesideItsPath) {
     std::string text = "package collections.immutable\n"
                        "\n"
@@ -99,7 +125,8 @@ TEST_F(PrecompilerTest, WritesTheDeclarationsOfEachUnitBesideItsPath) {
     std::string source = add("collections/immutable/Stack.qr", text);
     compile({source}, 2);
 
-    std::string expected = "QUOR-OBJECT\t1\n"
+    std::string expected = "QUOR-OBJECT\t" + std::to_string(Compiler::objectAbiVersion()) +
+                           "\n"
                            "unit\tcollections/immutable/Stack.qr\n"
                            "source-size\t" +
                            std::to_string(text.size()) +
@@ -114,8 +141,8 @@ TEST_F(PrecompilerTest, WritesTheDeclarationsOfEachUnitBesideItsPath) {
                            "type\t10\tstruct\t\t\tNode\t\t\t\n"
                            "fn\t13\temptyStack\tpublic fn emptyStack<T>( capacity: Int, label: "
                            "String = \"a \\\\\"b\\\\\" // c\") -> Stack\n"
-                           "fn\t17\tstackDepth\textern fn stackDepth() -> Int\n"
-                           "end\t6\n";
+                           "fn\t17\tstackDepth\textern fn stackDepth() -> Int\n";
+    expected += "end\t6\t" + Sha256::hex(expected) + "\n";
     EXPECT_EQ(readFile(libCache() / "collections/immutable/Stack.qo"), expected);
     ASSERT_EQ(reports_.size(), 1u);
     EXPECT_EQ(reports_[0].sourcePath, source);
@@ -339,10 +366,12 @@ TEST_F(PrecompilerTest, AnUnreadableUnitFailsWithItsPath) {
     }
 }
 
-TEST_F(PrecompilerTest, AnEmptyBatchDoesNothing) {
+TEST_F(PrecompilerTest, AnEmptyBatchLeavesNoObjectBehind) {
+    compile({add("core/Int.qr", "package core\nstruct Int { }\n")}, 2);
+    ASSERT_EQ(findNames(libCache(), ".qo").size(), 1u);
     compile({}, 2);
     EXPECT_TRUE(reports_.empty());
-    EXPECT_FALSE(fs::exists(cacheRoot()));
+    EXPECT_TRUE(findNames(libCache(), ".qo").empty());
 }
 
 } // namespace

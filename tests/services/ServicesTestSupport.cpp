@@ -56,6 +56,25 @@ std::map<std::string, std::string> snapshotTree(const fs::path& root) {
     return files;
 }
 
+std::map<std::string, std::string> wholeTree(const fs::path& root) {
+    std::map<std::string, std::string> entries;
+    for (const auto& entry : fs::recursive_directory_iterator(root)) {
+        const std::string relative = entry.path().lexically_relative(root).generic_string();
+        const fs::file_status status = entry.symlink_status();
+        const std::string mode = std::to_string(static_cast<unsigned>(status.permissions()));
+        if (fs::is_symlink(status)) {
+            entries[relative] = "link -> " + fs::read_symlink(entry.path()).native();
+        } else if (fs::is_directory(status)) {
+            entries[relative] = "dir " + mode;
+        } else if (fs::is_regular_file(status)) {
+            entries[relative] = "file " + mode + " " + readFile(entry.path());
+        } else {
+            entries[relative] = "other " + mode;
+        }
+    }
+    return entries;
+}
+
 std::vector<std::string> findNames(const fs::path& root, const std::string& needle) {
     std::vector<std::string> names;
     std::error_code error;

@@ -39,6 +39,11 @@ std::string readFile(const fs::path& path);
 // directories left out.
 std::map<std::string, std::string> snapshotTree(const fs::path& root);
 
+// Every entry below `root`, relative path -> what it is: "dir", "link -> <target>",
+// "file <mode> <bytes>", or "other <mode>". Two trees with equal results hold the
+// same names, kinds, permissions and bytes.
+std::map<std::string, std::string> wholeTree(const fs::path& root);
+
 // Relative paths of every entry below `root` whose name contains `needle`.
 std::vector<std::string> findNames(const fs::path& root, const std::string& needle);
 

@@ -68,6 +68,12 @@ std::string readOnlyCacheNotReady(const CachePaths& paths) {
            paths.cacheRoot.native() + "', or choose a cache root that you own";
 }
 
+std::string readOnlyCacheCannotBeRebuilt(const CachePaths& paths) {
+    return "Quor cache root '" + paths.cacheRoot.native() +
+           "' belongs to root and is read-only for you; only root can rebuild it with "
+           "'quor-stdlib ensure --force'";
+}
+
 std::string readOnlyCacheCannotBePruned(const CachePaths& paths) {
     return "Quor cache root '" + paths.cacheRoot.native() +
            "' belongs to root and is read-only for you; only root can prune it";

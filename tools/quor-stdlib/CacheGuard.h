@@ -35,6 +35,9 @@ compiler::CacheAccess guardCache(const CachePaths& paths, CacheUse use);
 std::string readOnlyCacheNotReady(const CachePaths& paths);
 
 // The message for pruning a read-only system-wide cache.
+// The refusal of `ensure --force` on a cache that belongs to root.
+std::string readOnlyCacheCannotBeRebuilt(const CachePaths& paths);
+
 std::string readOnlyCacheCannotBePruned(const CachePaths& paths);
 
 // One line on why the lock file could not be opened or locked: its owner, its

@@ -15,10 +15,11 @@ namespace quor::stdlibtool {
 
 namespace {
 
-constexpr std::array<Command, 4> table = {{
+constexpr std::array<Command, 5> table = {{
     {"status", "Show the cache's identity, paths and readiness, and why it is not ready",
      runStatus},
     {"ensure", "Build the standard-library cache now unless it is up to date", runEnsure},
+    {"verify", "Check every object the readiness marker vouches for against its unit", runVerify},
     {"prune", "Remove the caches that older compiler versions left behind", runPrune},
     {"help", "List the subcommands, or explain one: help [SUBCOMMAND]", runHelp},
 }};
@@ -93,8 +94,9 @@ std::string_view exitStatusHelp() {
     return "Exit status:\n"
            "  0    success; for `status --check`: the cache is ready\n"
            "  1    the operation failed (the reason follows \"quor-stdlib: error:\"),\n"
-           "       `ensure --timeout` gave up waiting for the build lock, or\n"
-           "       `status --check` found that a build is needed\n"
+           "       `ensure --timeout` gave up waiting for the build lock,\n"
+           "       `status --check` found that a build is needed, or `verify`\n"
+           "       found the cache not ready or an object that is not sound\n"
            "  2    usage error: unknown subcommand or option, missing or bad value,\n"
            "       or a QUOR_JOBS that `ensure` would use but is not a worker count\n"
            "  129  `ensure` stopped by SIGHUP (the terminal went away), as for 130\n"

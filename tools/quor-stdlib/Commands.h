@@ -17,8 +17,9 @@ class Console;
 // Exit statuses, the same for every subcommand. `help` prints them.
 enum ExitStatus : int {
     ExitSuccess = 0,        // done; for `status --check`: the cache is ready
-    ExitFailure = 1,        // the operation failed, a lock wait timed out, or
-                            // `status --check` found that a build is needed
+    ExitFailure = 1,        // the operation failed, a lock wait timed out,
+                            // `status --check` found that a build is needed, or
+                            // `verify` found the cache not ready or not sound
     ExitUsage = 2,          // the command line could not be understood
     ExitHangup = 129,       // SIGHUP (128 + 1): the terminal went away; stopped like Ctrl-C
     ExitInterrupted = 130,  // interrupted by SIGINT (Ctrl-C); no marker was written
@@ -45,6 +46,7 @@ struct StatusOptions {
 struct EnsureOptions {
     std::optional<double> timeoutSeconds; // --timeout: bound on the wait for the build lock
     unsigned jobs = 0;                    // --jobs; 0 leaves it to QUOR_JOBS and the default
+    bool force = false;                   // --force: build even when the marker is valid
 };
 
 struct PruneOptions {
@@ -84,6 +86,7 @@ const Command* closestCommand(std::string_view name);
 int runStatus(const Invocation& invocation, Console& console);
 int runEnsure(const Invocation& invocation, Console& console);
 int runPrune(const Invocation& invocation, Console& console);
+int runVerify(const Invocation& invocation, Console& console);
 int runHelp(const Invocation& invocation, Console& console);
 
 // Sets the Runtime's library path, cache root and jobs from the invocation,

@@ -29,6 +29,7 @@
 #include "LockHolder.h"
 #include "Progress.h"
 
+#include "compiler/ObjectCache.h"
 #include "compiler/StandardLibraryBootstrap.h"
 
 #include "JsonText.h"
@@ -291,9 +292,17 @@ int runEnsure(const Invocation& invocation, Console& console) {
         // The bootstrap creates, locks and clears by path: it runs only on a
         // cache root that nobody else can change. A read-only system-wide
         // cache is used as it stands, when it is ready.
-        if (guardCache(paths, CacheUse::Build) == compiler::CacheAccess::ReadOnly &&
-            compiler::StandardLibraryBootstrap::isRequired())
+        const bool readOnly = guardCache(paths, CacheUse::Build) == compiler::CacheAccess::ReadOnly;
+        if (readOnly && invocation.ensure.force)
+            throw std::runtime_error(readOnlyCacheCannotBeRebuilt(paths));
+        if (readOnly && StandardLibraryBootstrap::isRequired())
             throw std::runtime_error(readOnlyCacheNotReady(paths));
+        // Without a valid marker the bootstrap builds, and a build trusts no
+        // object it has not checked. Withdrawing it without the build lock is
+        // safe: at worst a build running now publishes its marker after this,
+        // and that build checked every object itself.
+        if (invocation.ensure.force)
+            compiler::withdrawReadinessMarker();
     } catch (const std::exception& failure) {
         printError(invocation, console, failure.what(), ExitFailure);
         return ExitFailure;
@@ -412,11 +421,17 @@ int runEnsure(const Invocation& invocation, Console& console) {
     }
 
     const auto& result = exchange.result;
+    // Only a build of this process ran the precompiler here.
+    const compiler::PrecompileSummary summary =
+        result.bootstrapped ? compiler::lastPrecompileSummary() : compiler::PrecompileSummary{};
     if (invocation.global.json) {
         console.out() << jsonText(nlohmann::ordered_json{{"event", "result"},
                                                          {"bootstrapped", result.bootstrapped},
                                                          {"completed", result.completed},
                                                          {"total", result.total},
+                                                         {"compiled", summary.compiled},
+                                                         {"reused", summary.reused},
+                                                         {"removed", summary.removed},
                                                          {"seconds", seconds}})
                       << std::endl;
     } else if (!invocation.global.quiet) {
@@ -426,6 +441,13 @@ int runEnsure(const Invocation& invocation, Console& console) {
                           << " in "
                           << formatDuration(
                                  secondsBetween(buildStarted.value_or(started), finished));
+            if (summary.reused != 0 || summary.removed != 0)
+                console.out() << " (compiled " << summary.compiled << ", reused " << summary.reused
+                              << (summary.removed != 0
+                                      ? ", removed " + std::to_string(summary.removed) +
+                                            (summary.removed == 1 ? " leftover" : " leftovers")
+                                      : std::string())
+                              << ")";
             if (holder)
                 console.out() << " (after waiting "
                               << formatDuration(

@@ -7,6 +7,7 @@
 #include "Commands.h"
 #include "Console.h"
 
+#include "compiler/ObjectCache.h"
 #include "compiler/StandardLibraryBootstrap.h"
 #include "compiler/StandardLibraryCacheState.h"
 
@@ -41,11 +42,15 @@ struct StatusReport {
     MarkerDiagnosis marker;
     std::optional<std::size_t> units;
     std::string unitsError;
+    // When not ready: how many units the next build would compile, and how
+    // many it would take as they are (sound in place, or set aside earlier).
+    std::optional<std::size_t> wouldCompile;
+    std::optional<std::size_t> wouldReuse;
     std::vector<UnreachableEntry> unreachable; // what the build's walk passes over
     std::vector<OlderVersion> olderVersions;
 };
 
-StatusReport gatherStatus() {
+StatusReport gatherStatus(bool check) {
     StatusReport report;
     report.identity = currentIdentity();
     report.paths = currentPaths();
@@ -72,7 +77,19 @@ StatusReport gatherStatus() {
     }
     if (report.libraryFound) {
         try {
-            report.units = compilableUnits(report.paths.library, &report.unreachable).size();
+            const std::vector<std::string> units =
+                compilableUnits(report.paths.library, &report.unreachable);
+            report.units = units.size();
+            // Reading every unit and object is for the person who asks why;
+            // --check only wants the answer.
+            if (!report.ready && report.refusal.empty() && !check) {
+                std::size_t reuse = 0;
+                for (const auto& unit : compiler::inspectLibraryCache(units).units)
+                    reuse +=
+                        unit.judgement.verdict == compiler::ObjectVerdict::Sound || unit.setAside;
+                report.wouldReuse = reuse;
+                report.wouldCompile = units.size() - reuse;
+            }
         } catch (const std::exception& failure) {
             report.unitsError = failure.what();
         }
@@ -183,6 +200,9 @@ json statusJson(const StatusReport& report) {
         {"reason", reasonJson(report)},
         {"units", report.units ? json(*report.units) : json(nullptr)},
         {"unitsError", report.unitsError.empty() ? json(nullptr) : json(report.unitsError)},
+        {"nextBuild", report.wouldCompile
+                          ? json{{"compile", *report.wouldCompile}, {"reuse", *report.wouldReuse}}
+                          : json(nullptr)},
         {"unreachable", unreachableJson(report)},
         {"olderVersions", std::move(older)},
         {"olderVersionsBytes", olderBytes},
@@ -228,6 +248,10 @@ void printStatus(const StatusReport& report, Console& console) {
     }
     if (report.units)
         row("units to compile") << *report.units << '\n';
+    if (report.wouldCompile)
+        row("next build") << "compiles " << *report.wouldCompile << ", reuses "
+                          << *report.wouldReuse << " sound "
+                          << (*report.wouldReuse == 1 ? "object" : "objects") << '\n';
     else
         row("units to compile") << "unknown (" << visible(report.unitsError) << ")\n";
     if (!report.unreachable.empty()) {
@@ -263,7 +287,7 @@ void printStatus(const StatusReport& report, Console& console) {
 int runStatus(const Invocation& invocation, Console& console) {
     try {
         configureRuntime(invocation);
-        const StatusReport report = gatherStatus();
+        const StatusReport report = gatherStatus(invocation.status.check);
         if (invocation.global.json)
             console.out() << jsonText(statusJson(report), 2) << std::endl;
         else if (!invocation.global.quiet)

@@ -156,6 +156,10 @@ int main(int argc, char** argv) {
                      "Precompiler worker threads (overrides QUOR_JOBS)")
         ->check(jobsValidator())
         ->type_name("N");
+    subcommands["ensure"]->add_flag(
+        "-f,--force", invocation.ensure.force,
+        "Build even when the cache is ready: withdraw the readiness marker, then check every "
+        "object and compile those that are not sound");
     subcommands["prune"]->add_flag("-n,--dry-run", invocation.prune.dryRun,
                                    "List what would be removed, remove nothing");
     subcommands["help"]->add_option("subcommand", helpTopic, "The subcommand to explain");

@@ -1,0 +1,657 @@
+// Objects in the library cache: planning, judging, reusing, setting aside.
+//
+// A build reuses an object only after reading it whole and checking its own
+// checksum, its ABI, its unit and the digest of the bytes it was compiled from
+// against the unit's bytes of today; nothing about it is taken on trust (not
+// its time stamp, not its size, not a record written elsewhere). A sound
+// object that a build must replace is moved into the set-aside area rather
+// than deleted, under a name made of the unit and those bytes, which is what
+// makes a switch back to an earlier library cost one rename per unit.
+
+#include "compiler/ObjectCache.h"
+#include "compiler/PathText.h"
+
+#include "compiler/Compiler.h"
+#include "compiler/Runtime.h"
+#include "compiler/Sha256.h"
+#include "compiler/SourceManager.h"
+#include "compiler/Tokenizer.h"
+#include "compiler/UnitCompiler.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <fcntl.h>
+#include <mutex>
+#include <signal.h>
+#include <stdexcept>
+#include <sys/stat.h>
+#include <system_error>
+#include <unistd.h>
+#include <unordered_set>
+
+namespace quor::compiler {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string systemMessage(int error) {
+    return std::generic_category().message(error);
+}
+
+// An object is the declarations of one unit; one this large was not written
+// by this compiler, and reading it whole could exhaust memory.
+constexpr std::uint64_t objectReadLimit = std::uint64_t(256) << 20;
+
+// A name for a temporary file that no other thread or process of this machine
+// picks at the same time.
+std::string temporarySuffix() {
+    static std::atomic<unsigned long> counter{0};
+    return ".tmp." + std::to_string(::getpid()) + "." + std::to_string(++counter);
+}
+
+// The process id in a temporary's name (".<name>.tmp.<pid>.<n>"), or 0 when
+// the name is not one of ours.
+pid_t temporaryWriter(const std::string& name) {
+    const std::size_t marker = name.rfind(".tmp.");
+    if (name.empty() || name[0] != '.' || marker == std::string::npos) {
+        return 0;
+    }
+    const std::size_t start = marker + 5;
+    const std::size_t end = name.find('.', start);
+    if (end == std::string::npos || end == start) {
+        return 0;
+    }
+    pid_t pid = 0;
+    for (std::size_t i = start; i < end; ++i) {
+        if (name[i] < '0' || name[i] > '9' || pid > 99999999) {
+            return 0;
+        }
+        pid = pid * 10 + (name[i] - '0');
+    }
+    return pid;
+}
+
+// A temporary whose writer is another process that still runs: a precompile
+// outside the bootstrap's lock may be writing it right now.
+bool belongsToLiveWriter(const std::string& name) {
+    const pid_t writer = temporaryWriter(name);
+    return writer > 0 && writer != ::getpid() && (::kill(writer, 0) == 0 || errno != ESRCH);
+}
+
+// The bytes of the regular file at `path`, read without following a link and
+// without blocking. `error` is 0, or why there is nothing to read: the errno
+// of open or read, ELOOP for a link, EFTYPE-like ENODEV for a file that is not
+// regular, EFBIG for one over the limit.
+struct FileBytes {
+    int error = 0;
+    std::string bytes;
+};
+
+FileBytes readRegularFile(const fs::path& path) {
+    FileBytes result;
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
+    if (fd < 0) {
+        result.error = errno;
+        return result;
+    }
+    struct stat status {};
+    if (::fstat(fd, &status) != 0) {
+        result.error = errno;
+    } else if (!S_ISREG(status.st_mode)) {
+        result.error = ENODEV;
+    } else if (std::uint64_t(status.st_size) > objectReadLimit) {
+        result.error = EFBIG;
+    } else {
+        // One byte more than the size, so that a file still growing is not
+        // mistaken for a whole one; the checksum settles the rest.
+        result.bytes.resize(std::size_t(status.st_size) + 1);
+        std::size_t used = 0;
+        while (used < result.bytes.size()) {
+            const std::size_t wanted = result.bytes.size() - used;
+            const ssize_t count = ::read(fd, result.bytes.data() + used, wanted);
+            if (count > 0) {
+                used += std::size_t(count);
+                if (std::size_t(count) < wanted) {
+                    break; // a regular file reads short only at its end
+                }
+            } else if (count == 0) {
+                break;
+            } else if (errno != EINTR) {
+                result.error = errno;
+                break;
+            }
+        }
+        result.bytes.resize(used);
+    }
+    ::close(fd); // read-only descriptor: nothing to lose on a failing close
+    return result;
+}
+
+// The fields of one record line ("tag\tfield\tfield"), still escaped.
+std::vector<std::string_view> recordFields(std::string_view line) {
+    std::vector<std::string_view> fields;
+    std::size_t start = 0;
+    while (true) {
+        const std::size_t tab = line.find('\t', start);
+        fields.push_back(line.substr(start, tab == std::string_view::npos ? tab : tab - start));
+        if (tab == std::string_view::npos) {
+            return fields;
+        }
+        start = tab + 1;
+    }
+}
+
+// The head of an object that vouches for itself: what it says about its unit.
+struct ObjectHead {
+    std::string abi;
+    std::string unitField; // the unit path as recorded, escaped
+    std::string sourceSize;
+    std::string sourceSha256;
+};
+
+bool isHexDigest(std::string_view text) {
+    return text.size() == 64 && std::all_of(text.begin(), text.end(), [](char c) {
+               return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f');
+           });
+}
+
+// Parses `bytes` as an object. Returns "" and fills `head` when the object is
+// intact (its first record names the format, and its last record's checksum
+// matches every byte before it); otherwise the phrase that says what is wrong.
+std::string readHead(std::string_view bytes, ObjectHead& head) {
+    const std::size_t firstEnd = bytes.find('\n');
+    if (firstEnd == std::string_view::npos || !bytes.starts_with("QUOR-OBJECT\t")) {
+        return "not a Quor object";
+    }
+    head.abi = std::string(bytes.substr(12, firstEnd - 12));
+    if (head.abi != std::to_string(Compiler::objectAbiVersion())) {
+        return "written for object ABI " + head.abi + ", not " +
+               std::to_string(Compiler::objectAbiVersion());
+    }
+    if (bytes.back() != '\n' || bytes.size() < 2) {
+        return "truncated or edited (its checksum does not match)";
+    }
+    const std::size_t lastStart = bytes.rfind('\n', bytes.size() - 2) + 1;
+    const std::vector<std::string_view> end =
+        recordFields(bytes.substr(lastStart, bytes.size() - 1 - lastStart));
+    if (end.size() != 3 || end[0] != "end" || !isHexDigest(end[2]) ||
+        Sha256::hex(bytes.substr(0, lastStart)) != end[2]) {
+        return "truncated or edited (its checksum does not match)";
+    }
+    // Intact: the records before the checksum are the compiler's own.
+    std::size_t position = firstEnd + 1;
+    for (const char* tag : {"unit", "source-size", "source-sha256"}) {
+        const std::size_t lineEnd = bytes.find('\n', position);
+        const std::vector<std::string_view> fields =
+            recordFields(bytes.substr(position, lineEnd - position));
+        if (fields.size() != 2 || fields[0] != tag) {
+            return "not a Quor object";
+        }
+        std::string& target = std::string_view(tag) == "unit"          ? head.unitField
+                              : std::string_view(tag) == "source-size" ? head.sourceSize
+                                                                       : head.sourceSha256;
+        target = std::string(fields[1]);
+        position = lineEnd + 1;
+    }
+    return {};
+}
+
+// The bootstrap's marker path for the configured runtime; the bootstrap keeps
+// it at <cache root>/.first-launch/<version>/<library cache leaf>.
+fs::path readinessMarkerPath() {
+    const Runtime& runtime = Runtime::getInstance();
+    return fs::path(runtime.getCacheBranchPath()).parent_path() / ".first-launch" /
+           QUOR_COMPILER_VERSION / fs::path(runtime.getLibCachePath()).filename() /
+           ".quor-stdlib-ready";
+}
+
+// Moves the sound object at `object` (of the unit recorded as `unitField`,
+// compiled from bytes hashing to `compiledFrom`) into the set-aside area, and
+// marks it as just used, which is the age trimSetAside() goes by. False when it
+// could not be moved; the caller then removes or replaces it.
+bool setAsideObject(const fs::path& object, const fs::path& setAside, std::string_view unitField,
+                    std::string_view compiledFrom) {
+    const fs::path target = setAsidePath(setAside, unitField, compiledFrom);
+    if (::rename(object.c_str(), target.c_str()) != 0) {
+        return false;
+    }
+    ::utimensat(AT_FDCWD, target.c_str(), nullptr, AT_SYMLINK_NOFOLLOW); // age only: best effort
+    return true;
+}
+
+// What a batch puts in the library cache: its objects and the folders on the
+// way to them, as path text. Everything else there belongs to no unit.
+struct BatchLayout {
+    std::unordered_set<std::string> objects;
+    std::unordered_set<std::string> folders;
+};
+
+BatchLayout layoutOf(const fs::path& lib, const std::vector<PlannedObject>& planned) {
+    BatchLayout layout;
+    layout.objects.reserve(planned.size());
+    for (const PlannedObject& unit : planned) {
+        layout.objects.insert(unit.object.native());
+        for (fs::path folder = unit.object.parent_path();
+             folder != lib && folder.has_relative_path(); folder = folder.parent_path()) {
+            if (!layout.folders.insert(folder.native()).second) {
+                break;
+            }
+        }
+    }
+    return layout;
+}
+
+std::mutex summaryMutex;
+PrecompileSummary summary;
+
+} // namespace
+
+std::vector<PlannedObject> planObjects(const std::vector<std::string>& sources) {
+    const Runtime& runtime = Runtime::getInstance();
+    std::error_code error;
+    fs::path root = fs::absolute(runtime.getStandardLibraryPath(), error).lexically_normal();
+    if (error) {
+        root = fs::path(runtime.getStandardLibraryPath()).lexically_normal();
+    }
+    const fs::path lib = runtime.getLibCachePath();
+    const std::string prefix = root.native() + (root.native().ends_with('/') ? "" : "/");
+    std::vector<PlannedObject> planned;
+    planned.reserve(sources.size());
+    for (const std::string& source : sources) {
+        // The bootstrap names its units below the root in normal form; their
+        // path below the root is then the rest of the text.
+        if (source.starts_with(prefix) && source.ends_with(".qr") &&
+            source.size() > prefix.size() + 3 && isAbsoluteAndNormal(source)) {
+            const std::string_view relative = std::string_view(source).substr(prefix.size());
+            fs::path object = lib / relative;
+            object.replace_extension(".qo");
+            planned.push_back({source, std::string(relative), std::move(object)});
+            continue;
+        }
+        fs::path absolute = fs::absolute(source, error).lexically_normal();
+        if (error) {
+            absolute = fs::path(source).lexically_normal();
+        }
+        const fs::path relative = absolute.lexically_relative(root);
+        if (relative.empty() || *relative.begin() == ".." || *relative.begin() == "." ||
+            !absolute.has_filename()) {
+            throw std::runtime_error(source + ":1:1: the unit lies outside the standard library '" +
+                                     root.native() + "'");
+        }
+        if (relative.extension() != ".qr") {
+            throw std::runtime_error(source +
+                                     ":1:1: not a Quor source unit (its name must end in .qr)");
+        }
+        fs::path object = lib / relative;
+        object.replace_extension(".qo");
+        planned.push_back({source, relative.generic_string(), object});
+    }
+    return planned;
+}
+
+std::string_view objectVerdictName(ObjectVerdict verdict) {
+    switch (verdict) {
+    case ObjectVerdict::Sound:
+        return "sound";
+    case ObjectVerdict::Missing:
+        return "missing";
+    case ObjectVerdict::Damaged:
+        return "damaged";
+    case ObjectVerdict::Stale:
+        return "stale";
+    }
+    return "damaged";
+}
+
+ObjectJudgement judgeObject(const fs::path& object, std::string_view unitPath,
+                            std::uint64_t sourceSize, std::string_view sourceSha256) {
+    ObjectJudgement judgement;
+    const FileBytes file = readRegularFile(object);
+    if (file.error == ENOENT) {
+        return judgement; // Missing
+    }
+    judgement.verdict = ObjectVerdict::Damaged;
+    if (file.error == ELOOP) {
+        judgement.problem = "a symbolic link, never followed";
+        return judgement;
+    }
+    if (file.error == ENODEV) {
+        judgement.problem = "not a regular file";
+        return judgement;
+    }
+    if (file.error == EFBIG) {
+        judgement.problem = "larger than any object this compiler writes";
+        return judgement;
+    }
+    if (file.error != 0) {
+        judgement.problem = "unreadable: " + systemMessage(file.error);
+        return judgement;
+    }
+    ObjectHead head;
+    if (std::string problem = readHead(file.bytes, head); !problem.empty()) {
+        judgement.problem = std::move(problem);
+        return judgement;
+    }
+    if (head.unitField != objectField(unitPath)) {
+        judgement.problem = "the object of another unit ('" + head.unitField + "')";
+        return judgement;
+    }
+    judgement.compiledFrom = head.sourceSha256;
+    if (head.sourceSize != std::to_string(sourceSize) || head.sourceSha256 != sourceSha256) {
+        judgement.verdict = ObjectVerdict::Stale;
+        judgement.problem = "compiled from other bytes than the unit holds now";
+        return judgement;
+    }
+    judgement.verdict = ObjectVerdict::Sound;
+    judgement.bytes = file.bytes.size();
+    return judgement;
+}
+
+fs::path setAsideDirectory() {
+    return fs::path(Runtime::getInstance().getCacheBranchPath()) / "set-aside";
+}
+
+fs::path setAsidePath(const fs::path& setAside, std::string_view unitPath,
+                      std::string_view sourceSha256) {
+    std::string key(unitPath);
+    key += '\n';
+    key += sourceSha256;
+    return setAside / (Sha256::hex(key) + ".qo");
+}
+
+LibraryCacheReport inspectLibraryCache(const std::vector<std::string>& sources) {
+    LibraryCacheReport report;
+    const std::vector<PlannedObject> planned = planObjects(sources);
+    const fs::path lib = Runtime::getInstance().getLibCachePath();
+    const fs::path setAside = setAsideDirectory();
+    const BatchLayout layout = layoutOf(lib, planned);
+    report.units.reserve(planned.size());
+    for (const PlannedObject& unit : planned) {
+        UnitObjectReport entry;
+        entry.planned = unit;
+        const std::shared_ptr<const std::string> text =
+            SourceManager::instance().contents(unit.source);
+        if (!text) {
+            entry.unreadable = true;
+        } else {
+            const std::string digest = Sha256::hex(*text);
+            entry.judgement = judgeObject(unit.object, unit.unitPath, text->size(), digest);
+            if (entry.judgement.verdict != ObjectVerdict::Sound) {
+                entry.setAside =
+                    judgeObject(setAsidePath(setAside, objectField(unit.unitPath), digest),
+                                unit.unitPath, text->size(), digest)
+                        .verdict == ObjectVerdict::Sound;
+            }
+        }
+        report.units.push_back(std::move(entry));
+    }
+
+    const FileBytes record = readRegularFile(lib / ".quor-object-abi");
+    constexpr std::string_view space = " \t\n\v\f\r";
+    const std::size_t begin = record.bytes.find_first_not_of(space);
+    if (record.error == 0 && begin != std::string::npos) {
+        report.abiRecord =
+            record.bytes.substr(begin, record.bytes.find_first_of(space, begin) - begin);
+    }
+    report.abiRecordCurrent = report.abiRecord == std::to_string(Compiler::objectAbiVersion());
+
+    std::error_code error;
+    fs::recursive_directory_iterator entries(lib, fs::directory_options::none, error);
+    if (error == std::errc::no_such_file_or_directory) {
+        return report; // no library cache, so nothing in it belongs to no unit
+    }
+    for (; !error && entries != fs::recursive_directory_iterator(); entries.increment(error)) {
+        const fs::path& path = entries->path();
+        std::error_code typeError;
+        const fs::file_status status = entries->symlink_status(typeError);
+        if (fs::is_directory(status)) {
+            if (layout.folders.count(path.native()) == 0) {
+                report.orphans.push_back(path);
+                entries.disable_recursion_pending();
+            }
+            continue;
+        }
+        if (layout.objects.count(path.native()) != 0 ||
+            (path.parent_path() == lib && path.filename() == ".quor-object-abi")) {
+            continue;
+        }
+        report.orphans.push_back(path);
+    }
+    if (error) {
+        throw std::runtime_error("Unable to inspect Quor library cache '" + lib.native() +
+                                 "': " + error.message());
+    }
+    std::sort(report.orphans.begin(), report.orphans.end());
+    return report;
+}
+
+PrecompileSummary lastPrecompileSummary() {
+    std::lock_guard lock(summaryMutex);
+    return summary;
+}
+
+void recordPrecompileSummary(const PrecompileSummary& value) {
+    std::lock_guard lock(summaryMutex);
+    summary = value;
+}
+
+void withdrawReadinessMarker() {
+    const fs::path marker = readinessMarkerPath();
+    if (::unlink(marker.c_str()) != 0) {
+        // Nothing there, or a directory, which vouches for nothing either.
+        if (errno == ENOENT || errno == ENOTDIR || errno == EISDIR) {
+            return;
+        }
+        throw std::runtime_error("Unable to withdraw Quor readiness marker '" + marker.native() +
+                                 "': " + systemMessage(errno));
+    }
+    const fs::path state = marker.parent_path();
+    const int fd = ::open(state.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const int error = fd < 0 ? errno : ::fsync(fd) == 0 ? 0 : errno;
+    if (fd >= 0) {
+        ::close(fd); // read-only directory descriptor: nothing to lose on close
+    }
+    if (error != 0) {
+        throw std::runtime_error("Unable to withdraw Quor readiness marker '" + marker.native() +
+                                 "': " + systemMessage(error));
+    }
+}
+
+int writeFileAtomically(const fs::path& path, std::string_view data) {
+    const fs::path temporary =
+        path.parent_path() / ("." + path.filename().native() + temporarySuffix());
+    const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        return errno;
+    }
+    int error = 0;
+    std::size_t written = 0;
+    while (written < data.size()) {
+        const ssize_t count = ::write(fd, data.data() + written, data.size() - written);
+        if (count < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            error = errno;
+            break;
+        }
+        written += static_cast<std::size_t>(count);
+    }
+    if (::close(fd) != 0 && error == 0) {
+        error = errno;
+    }
+    if (error == 0 && ::rename(temporary.c_str(), path.c_str()) != 0) {
+        error = errno;
+    }
+    if (error != 0) {
+        ::unlink(temporary.c_str()); // best effort: the error being reported is the first one
+    }
+    return error;
+}
+
+std::size_t sweepLibraryCache(const fs::path& lib, const std::vector<PlannedObject>& planned,
+                              const fs::path& setAside, std::string_view keepName) {
+    const BatchLayout layout = layoutOf(lib, planned);
+    const auto failure = [](const fs::path& path, const std::error_code& error) {
+        return std::runtime_error("Unable to remove stale Quor object '" + path.native() +
+                                  "': " + error.message());
+    };
+    std::size_t removed = 0;
+    std::error_code error;
+    fs::recursive_directory_iterator entries(lib, fs::directory_options::none, error);
+    for (; !error && entries != fs::recursive_directory_iterator(); entries.increment(error)) {
+        const fs::path path = entries->path();
+        std::error_code typeError;
+        const fs::file_status status = entries->symlink_status(typeError);
+        const std::string name = path.filename().native();
+        if (fs::is_directory(status)) {
+            if (layout.folders.count(path.native()) != 0) {
+                continue;
+            }
+            // A folder no unit needs any more. Its sound objects are set aside
+            // first, so that a library that has them again compiles nothing.
+            entries.disable_recursion_pending();
+            std::error_code innerError;
+            for (fs::recursive_directory_iterator inner(path, innerError);
+                 !innerError && inner != fs::recursive_directory_iterator();
+                 inner.increment(innerError)) {
+                if (inner->is_regular_file(typeError) && !inner->is_symlink(typeError)) {
+                    const FileBytes file = readRegularFile(inner->path());
+                    ObjectHead head;
+                    if (file.error == 0 && readHead(file.bytes, head).empty()) {
+                        setAsideObject(inner->path(), setAside, head.unitField, head.sourceSha256);
+                    }
+                }
+            }
+            fs::remove_all(path, error);
+            if (error) {
+                throw failure(path, error);
+            }
+            ++removed;
+            continue;
+        }
+        if (path.parent_path() == lib && name == keepName) {
+            continue;
+        }
+        const bool regular = fs::is_regular_file(status);
+        if (regular && layout.objects.count(path.native()) != 0) {
+            continue; // judged by updateObject()
+        }
+        if (regular && belongsToLiveWriter(name)) {
+            continue;
+        }
+        if (regular && temporaryWriter(name) == 0) {
+            const FileBytes file = readRegularFile(path);
+            ObjectHead head;
+            if (file.error == 0 && readHead(file.bytes, head).empty() &&
+                setAsideObject(path, setAside, head.unitField, head.sourceSha256)) {
+                ++removed;
+                continue;
+            }
+        }
+        if (!fs::remove(path, error) && error) {
+            throw failure(path, error);
+        }
+        ++removed;
+    }
+    if (error && error != std::errc::no_such_file_or_directory) {
+        throw std::runtime_error("Unable to inspect Quor library cache '" + lib.native() +
+                                 "': " + error.message());
+    }
+    return removed;
+}
+
+ObjectUpdate updateObject(const PlannedObject& planned, const fs::path& setAside, int abi) {
+    const std::shared_ptr<const std::string> text =
+        SourceManager::instance().contents(planned.source);
+    if (!text) {
+        throw std::runtime_error(planned.source + ":1:1: unable to read the unit");
+    }
+    const std::string digest = Sha256::hex(*text);
+    const std::string unitField = objectField(planned.unitPath);
+    ObjectUpdate update;
+
+    const ObjectJudgement current =
+        judgeObject(planned.object, planned.unitPath, text->size(), digest);
+    if (current.verdict == ObjectVerdict::Sound) {
+        update.outcome = ObjectOutcome::Kept;
+        update.bytes = current.bytes;
+        return update;
+    }
+    if (current.verdict == ObjectVerdict::Stale) {
+        // Sound for other bytes of this unit: kept for a library that has them.
+        setAsideObject(planned.object, setAside, unitField, current.compiledFrom);
+    }
+
+    const fs::path stored = setAsidePath(setAside, unitField, digest);
+    const ObjectJudgement kept = judgeObject(stored, planned.unitPath, text->size(), digest);
+    if (kept.verdict == ObjectVerdict::Sound &&
+        ::rename(stored.c_str(), planned.object.c_str()) == 0) {
+        update.outcome = ObjectOutcome::MovedBack;
+        update.bytes = kept.bytes;
+        return update;
+    }
+
+    try {
+        update.object = compileUnit(*text, planned.unitPath, abi, digest);
+    } catch (const SourceError& failure) {
+        throw std::runtime_error(planned.source + ":" + std::to_string(failure.line()) + ":" +
+                                 std::to_string(failure.column()) + ": " + failure.what());
+    }
+    update.outcome = ObjectOutcome::Compiled;
+    update.bytes = update.object.size();
+    return update;
+}
+
+void writeObject(const PlannedObject& planned, std::string_view object) {
+    const int failure = writeFileAtomically(planned.object, object);
+    if (failure != 0) {
+        throw std::runtime_error(planned.source + ":1:1: unable to write its object '" +
+                                 planned.object.native() + "': " + systemMessage(failure));
+    }
+}
+
+void trimSetAside(const fs::path& setAside, std::uint64_t budget) {
+    struct Entry {
+        fs::path path;
+        struct timespec used;
+        std::uint64_t bytes;
+    };
+    std::vector<Entry> objects;
+    std::uint64_t total = 0;
+    std::error_code error;
+    for (fs::directory_iterator entries(setAside, error);
+         !error && entries != fs::directory_iterator(); entries.increment(error)) {
+        const fs::path& path = entries->path();
+        struct stat status {};
+        const std::string name = path.filename().native();
+        const bool ours = name.size() == 67 && name.ends_with(".qo") &&
+                          isHexDigest(std::string_view(name).substr(0, 64));
+        if (::lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) && ours) {
+            objects.push_back({path, status.st_mtim, std::uint64_t(status.st_size)});
+            total += std::uint64_t(status.st_size);
+        } else if (!belongsToLiveWriter(name)) {
+            std::error_code ignored;
+            fs::remove_all(path, ignored); // best effort, see the declaration
+        }
+    }
+    if (total <= budget) {
+        return;
+    }
+    std::sort(objects.begin(), objects.end(), [](const Entry& a, const Entry& b) {
+        return a.used.tv_sec != b.used.tv_sec ? a.used.tv_sec < b.used.tv_sec
+                                              : a.used.tv_nsec < b.used.tv_nsec;
+    });
+    for (const Entry& entry : objects) {
+        if (total <= budget) {
+            break;
+        }
+        if (::unlink(entry.path.c_str()) == 0) {
+            total -= entry.bytes;
+        }
+    }
+}
+
+} // namespace quor::compiler

@@ -1,0 +1,175 @@
+// The objects of the library cache as the precompiler keeps them: which object
+// belongs to which unit, whether the object on disk is sound for the unit's
+// current bytes, and the set-aside area where a build keeps the sound objects
+// it displaces, so that going back to an earlier library compiles nothing.
+//
+// Every object ends with a record that holds the SHA-256 of all the bytes
+// before it (docs/object-format.md), so an object vouches for itself: one read
+// and one hash tell a sound object from a truncated, edited or foreign one,
+// without a manifest that would have to agree with the objects after a crash.
+// judgeObject() is the one place that rule is written; the precompiler decides
+// what to reuse with it, and `quor-stdlib verify` and `status` explain the
+// cache with it.
+
+#ifndef QUOR_COMPILER_OBJECTCACHE_H
+#define QUOR_COMPILER_OBJECTCACHE_H
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace quor::compiler {
+
+// One unit of a batch: the path as the caller named it, the path below the
+// library root that its object records, and where its object goes.
+struct PlannedObject {
+    std::string source;
+    std::string unitPath;
+    std::filesystem::path object;
+};
+
+// The objects of `sources` in the configured Runtime's library cache. Throws
+// std::runtime_error ("<unit>:1:1: ...") for a unit that lies outside the
+// standard library or whose name does not end in ".qr".
+std::vector<PlannedObject> planObjects(const std::vector<std::string>& sources);
+
+enum class ObjectVerdict {
+    Sound,   // intact, of the current object ABI, of this unit, from these bytes
+    Missing, // nothing at the object's path
+    Damaged, // not an object that can be trusted: a link, not a regular file,
+             // unreadable, truncated or edited, of another ABI or another unit
+    Stale,   // intact and of this unit, but compiled from other bytes
+};
+
+// "sound", "missing", "damaged", "stale".
+std::string_view objectVerdictName(ObjectVerdict verdict);
+
+struct ObjectJudgement {
+    ObjectVerdict verdict = ObjectVerdict::Missing;
+    std::string problem; // for Damaged and Stale: what is wrong, as a phrase
+    // The SHA-256 of the bytes the object was compiled from, when the object is
+    // intact and of the current ABI and unit (Sound and Stale); "" otherwise.
+    std::string compiledFrom;
+    std::uint64_t bytes = 0; // the object's size, for a Sound one
+};
+
+// Judges the file at `object` as the object of `unitPath` (below the library
+// root, '/' separators) whose current bytes are `sourceSize` long and hash to
+// `sourceSha256` (lower-case hexadecimal). A symbolic link is never followed
+// and a FIFO or device never blocks; both are Damaged. Never throws for file
+// trouble. Safe from any thread.
+ObjectJudgement judgeObject(const std::filesystem::path& object, std::string_view unitPath,
+                            std::uint64_t sourceSize, std::string_view sourceSha256);
+
+// Where a build sets aside the sound objects it displaces:
+// <cache branch>/set-aside. Its entries are named for the unit and the bytes
+// they were compiled from, so a later build of those bytes moves the object
+// back instead of compiling it.
+std::filesystem::path setAsideDirectory();
+
+// The set-aside entry for `unitPath` compiled from bytes hashing to
+// `sourceSha256`.
+std::filesystem::path setAsidePath(const std::filesystem::path& setAside, std::string_view unitPath,
+                                   std::string_view sourceSha256);
+
+// What the library cache holds for one unit.
+struct UnitObjectReport {
+    PlannedObject planned;
+    ObjectJudgement judgement;
+    bool setAside = false;   // a sound object for the unit's bytes waits in the set-aside area
+    bool unreadable = false; // the unit itself could not be read; judgement is Missing
+};
+
+struct LibraryCacheReport {
+    std::vector<UnitObjectReport> units;        // in the order of `sources`
+    std::vector<std::filesystem::path> orphans; // in the library cache, of no unit
+    std::string abiRecord;                      // the ABI record's word, "" when there is none
+    bool abiRecordCurrent = false;              // it names Compiler::objectAbiVersion()
+};
+
+// Examines the library cache for `sources` without changing anything: each
+// unit's object judged against the unit's current bytes, whether the set-aside
+// area could supply it, and every entry that belongs to no unit. Throws like
+// planObjects(), and std::runtime_error when the library cache exists but
+// cannot be listed.
+LibraryCacheReport inspectLibraryCache(const std::vector<std::string>& sources);
+
+// What the last precompileSources() of this process did, whether it returned
+// or threw: units compiled, units whose object was reused (kept or moved back
+// from the set-aside area), and entries removed from the library cache because
+// they belonged to no unit.
+struct PrecompileSummary {
+    std::size_t compiled = 0;
+    std::size_t reused = 0;
+    std::size_t removed = 0;
+};
+PrecompileSummary lastPrecompileSummary();
+
+// Withdraws the readiness marker that vouches for the configured library cache
+// (<cache root>/.first-launch/<version>/<library cache leaf>/.quor-stdlib-ready)
+// and makes the removal durable. Missing, or a directory in its place, is no
+// error. Throws std::runtime_error when the marker exists and cannot be removed.
+// Every build calls it before it changes the library cache; `quor-stdlib ensure
+// --force` calls it to make the bootstrap build.
+void withdrawReadinessMarker();
+
+// ---- Used by the precompiler (compiler/Compiler.cpp) ----
+
+// Writes `data` to `path` through a temporary sibling, ".<name>.tmp.<pid>.<n>",
+// and a rename, so that a reader sees the old file or the whole new one. Returns
+// 0, or the errno of the step that failed, in which case no temporary remains.
+int writeFileAtomically(const std::filesystem::path& path, std::string_view data);
+
+// Clears the library cache `lib` of everything that is neither an object of
+// `planned`, nor a folder on the way to one, nor the top-level file named
+// `keepName`: sound objects of units no longer in the batch are set aside, and
+// everything else (damaged objects, links, special files, foreign files, the
+// temporaries of builds that are gone) is removed. Entries standing where an
+// object or a folder of `planned` belongs but that are of the wrong kind go too,
+// so that the build can put the right thing there. Returns how many entries went.
+// Throws std::runtime_error when the cache cannot be listed or an entry cannot
+// be removed.
+std::size_t sweepLibraryCache(const std::filesystem::path& lib,
+                              const std::vector<PlannedObject>& planned,
+                              const std::filesystem::path& setAside, std::string_view keepName);
+
+enum class ObjectOutcome {
+    Kept,      // the object in place was sound
+    MovedBack, // a sound object came back from the set-aside area
+    Compiled,  // the unit was compiled
+};
+
+struct ObjectUpdate {
+    ObjectOutcome outcome = ObjectOutcome::Compiled;
+    std::uint64_t bytes = 0; // the object's size
+    std::string object;      // for Compiled: the new object, for writeObject()
+};
+
+// Makes `planned.object` sound for the unit's current bytes under object ABI
+// `abi`, compiling only when neither the object in place nor a set-aside one
+// is: a sound object of other bytes is set aside first. A compiled object is
+// returned, not written: the caller hands it to writeObject(), so that a
+// worker can write several at once. Throws std::runtime_error whose message
+// starts with "<unit>:<line>:<column>: ". Safe from several threads at once
+// for different units.
+ObjectUpdate updateObject(const PlannedObject& planned, const std::filesystem::path& setAside,
+                          int abi);
+
+// Publishes `object` as the object of `planned` (writeFileAtomically). Throws
+// std::runtime_error "<unit>:1:1: unable to write its object '<path>': ...".
+void writeObject(const PlannedObject& planned, std::string_view object);
+
+// Keeps the set-aside area within `budget` bytes, removing its oldest objects
+// first, and removes whatever else is there. Best effort: what cannot be
+// removed costs space, never correctness.
+void trimSetAside(const std::filesystem::path& setAside, std::uint64_t budget);
+
+// Records what a precompileSources() run did, for lastPrecompileSummary().
+void recordPrecompileSummary(const PrecompileSummary& summary);
+
+} // namespace quor::compiler
+
+#endif
