@@ -1,19 +1,30 @@
 # What `cmake --install` puts under the prefix:
 #   share/quor/stdlib/...                the library's ".qr" sources, folders kept,
 #   share/quor/stdlib/.quor-stdlib-fingerprint   and their fingerprint,
+#   share/quor/PackageLocation.cpp       compiled into programs built against the
+#                                        package, so that they find that library,
 #   include/quor/compiler/...            the public headers,
 #   lib/libquor_bootstrap.a, lib/libquor_services.a,
-#   lib/cmake/QuorBootstrap/             the CMake package (Quor::bootstrap, Quor::services).
-# The tool installs itself from its own folder.
+#   lib/cmake/QuorBootstrap/             the CMake package (Quor::bootstrap, Quor::services),
+#   lib/pkgconfig/quor-bootstrap.pc      the same for pkg-config,
+#   share/doc/quor-bootstrap/            the README, docs/ and examples/.
+# The tool installs itself from its own folder; its manual page and completion
+# come from cmake/ToolReference.cmake.
 #
 # quor_services is installed next to quor_bootstrap because a compiler that
 # embeds the bootstrap but has no runtime, precompiler or source cache of its own
-# can then link ours; one that has its own links Quor::bootstrap alone.
+# can then link ours; one that has its own links Quor::bootstrap alone. The
+# installed services are quor_services_installed, whose default library is the
+# installed one; docs/embedding.md explains how a program finds it.
 
 include(CMakePackageConfigHelpers)
 
+# The library and the location file must stay siblings: the installed services
+# look for "stdlib" beside wherever PackageLocation.cpp was compiled from.
 set(QUOR_INSTALL_STDLIBDIR "${CMAKE_INSTALL_DATADIR}/quor/stdlib")
+set(QUOR_INSTALL_LOCATION_FILE "${CMAKE_INSTALL_DATADIR}/quor/PackageLocation.cpp")
 set(QUOR_INSTALL_CMAKEDIR "${CMAKE_INSTALL_LIBDIR}/cmake/QuorBootstrap")
+set(QUOR_INSTALL_PKGCONFIGDIR "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
 
 # The library. Symbolic links are left behind, as the bootstrap would ignore
 # them anyway and the fingerprint does not count them.
@@ -43,11 +54,16 @@ install(CODE "
   list(APPEND CMAKE_INSTALL_MANIFEST_FILES \"\${_quor_fingerprint}\")
 " COMPONENT stdlib)
 
+install(FILES "${PROJECT_SOURCE_DIR}/compiler/package/PackageLocation.cpp"
+  DESTINATION "${CMAKE_INSTALL_DATADIR}/quor"
+  COMPONENT development)
+
 # The public headers: the bootstrap's entry points and the declarations of the
 # services it calls, which an embedding compiler implements or links. Helpers
-# private to the services (tokenizer, hashing, unit compiler) stay out. Headers
-# keep their folders below include/quor, matching the targets' INSTALL_INTERFACE
-# include directory: #include "compiler/Runtime.h".
+# private to the services (tokenizer, hashing, unit compiler, the default
+# library location) stay out. Headers keep their folders below include/quor,
+# and both include/quor and include are exported, so that a consumer may write
+# #include "compiler/Runtime.h" or #include <quor/compiler/Runtime.h>.
 install(FILES
   "${PROJECT_SOURCE_DIR}/compiler/StandardLibraryBootstrap.h"
   "${PROJECT_SOURCE_DIR}/compiler/StandardLibraryCacheState.h"
@@ -62,12 +78,11 @@ install(FILES "${PROJECT_SOURCE_DIR}/compiler/source/TypeHeader.h"
   COMPONENT development)
 
 set_target_properties(quor_bootstrap PROPERTIES EXPORT_NAME bootstrap)
-set_target_properties(quor_services PROPERTIES EXPORT_NAME services)
-install(TARGETS quor_bootstrap quor_services
+set_target_properties(quor_services_installed PROPERTIES EXPORT_NAME services)
+install(TARGETS quor_bootstrap quor_services_installed
   EXPORT QuorBootstrapTargets
   ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT development
-  LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT development
-  INCLUDES DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/quor")
+  LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT development)
 install(EXPORT QuorBootstrapTargets
   NAMESPACE Quor::
   DESTINATION "${QUOR_INSTALL_CMAKEDIR}"
@@ -77,7 +92,7 @@ configure_package_config_file(
   "${CMAKE_CURRENT_LIST_DIR}/QuorBootstrapConfig.cmake.in"
   "${PROJECT_BINARY_DIR}/generated/QuorBootstrapConfig.cmake"
   INSTALL_DESTINATION "${QUOR_INSTALL_CMAKEDIR}"
-  PATH_VARS QUOR_INSTALL_STDLIBDIR CMAKE_INSTALL_INCLUDEDIR)
+  PATH_VARS QUOR_INSTALL_STDLIBDIR QUOR_INSTALL_LOCATION_FILE CMAKE_INSTALL_INCLUDEDIR)
 # The bootstrap's cache layout and marker are tied to the compiler version, and
 # before 1.0 a minor version may change them: only the same major.minor matches.
 write_basic_package_version_file(
@@ -89,3 +104,40 @@ install(FILES
   "${PROJECT_BINARY_DIR}/generated/QuorBootstrapConfigVersion.cmake"
   DESTINATION "${QUOR_INSTALL_CMAKEDIR}"
   COMPONENT development)
+
+# The pkg-config file finds its prefix from its own folder (${pcfiledir}), so
+# that it stays right when the prefix is installed with DESTDIR or copied
+# elsewhere, like the CMake package does.
+function(_quor_prefix_relative out directory)
+  if(IS_ABSOLUTE "${directory}")
+    set(${out} "${directory}" PARENT_SCOPE)
+  else()
+    set(${out} "\${prefix}/${directory}" PARENT_SCOPE)
+  endif()
+endfunction()
+if(IS_ABSOLUTE "${QUOR_INSTALL_PKGCONFIGDIR}")
+  set(QUOR_PC_PREFIX "${CMAKE_INSTALL_PREFIX}")
+else()
+  file(RELATIVE_PATH QUOR_PC_PREFIX "/quor-prefix/${QUOR_INSTALL_PKGCONFIGDIR}" "/quor-prefix")
+  set(QUOR_PC_PREFIX "\${pcfiledir}/${QUOR_PC_PREFIX}")
+endif()
+_quor_prefix_relative(QUOR_PC_LIBDIR "${CMAKE_INSTALL_LIBDIR}")
+_quor_prefix_relative(QUOR_PC_INCLUDEDIR "${CMAKE_INSTALL_INCLUDEDIR}")
+_quor_prefix_relative(QUOR_PC_DATADIR "${CMAKE_INSTALL_DATADIR}")
+configure_file("${CMAKE_CURRENT_LIST_DIR}/quor-bootstrap.pc.in"
+  "${PROJECT_BINARY_DIR}/generated/quor-bootstrap.pc" @ONLY)
+install(FILES "${PROJECT_BINARY_DIR}/generated/quor-bootstrap.pc"
+  DESTINATION "${QUOR_INSTALL_PKGCONFIGDIR}"
+  COMPONENT development)
+
+# What a reader of the installed package needs: the README, the guides and the
+# example driver that docs/embedding.md walks through.
+install(FILES "${PROJECT_SOURCE_DIR}/README.md"
+  DESTINATION "${CMAKE_INSTALL_DOCDIR}"
+  COMPONENT documentation)
+install(DIRECTORY "${PROJECT_SOURCE_DIR}/docs/"
+  DESTINATION "${CMAKE_INSTALL_DOCDIR}"
+  COMPONENT documentation)
+install(DIRECTORY "${PROJECT_SOURCE_DIR}/examples"
+  DESTINATION "${CMAKE_INSTALL_DOCDIR}"
+  COMPONENT documentation)

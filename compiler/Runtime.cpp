@@ -1,9 +1,12 @@
 // The runtime's settings resolution: configure() first, then the environment,
-// then the defaults of the installation. Every path is resolved once, when the
-// runtime is created and on each configure(), so that the getters can hand out
-// references to stable strings.
+// then the defaults of the installation; for the library's location, those of
+// the build tree or of the installed package (LibraryLocation.h). Every path is
+// resolved once, when the runtime is created and on each configure(), so that
+// the getters can hand out references to stable strings.
 
 #include "compiler/Runtime.h"
+
+#include "compiler/LibraryLocation.h"
 
 #include <charconv>
 #include <cstdlib>
@@ -24,32 +27,6 @@ namespace fs = std::filesystem;
 std::string environment(const char* name) {
     const char* value = std::getenv(name);
     return value == nullptr ? std::string() : std::string(value);
-}
-
-// The directory of the running program, or an empty path when the kernel does
-// not tell (no /proc, for instance).
-fs::path executableDirectory() {
-    std::error_code error;
-    fs::path executable = fs::read_symlink("/proc/self/exe", error);
-    if (error || executable.empty()) {
-        return {};
-    }
-    return executable.parent_path();
-}
-
-std::string defaultStandardLibraryPath() {
-    // An installed compiler lives in <prefix>/bin and its library in
-    // <prefix>/share/quor/stdlib; a program run from the build tree has no such
-    // directory beside it and falls back to the sources it was built from.
-    fs::path directory = executableDirectory();
-    if (!directory.empty()) {
-        fs::path installed = (directory / ".." / "share" / "quor" / "stdlib").lexically_normal();
-        std::error_code error; // a directory that cannot be examined is not installed
-        if (fs::is_directory(installed, error)) {
-            return installed.native();
-        }
-    }
-    return (fs::path(QUOR_SOURCE_DIR) / "stdlib").lexically_normal().native();
 }
 
 std::string homeDirectory() {
@@ -100,6 +77,24 @@ unsigned parseJobs(const std::string& text) {
 
 } // namespace
 
+namespace location {
+
+fs::path besideProgram() {
+    std::error_code error;
+    const fs::path executable = fs::read_symlink("/proc/self/exe", error);
+    if (error || executable.empty()) {
+        return {};
+    }
+    return (executable.parent_path() / ".." / "share" / "quor" / "stdlib").lexically_normal();
+}
+
+bool isDirectory(const fs::path& path) {
+    std::error_code error;
+    return fs::is_directory(path, error);
+}
+
+} // namespace location
+
 Runtime& Runtime::getInstance() {
     static Runtime runtime;
     return runtime;
@@ -136,7 +131,7 @@ void Runtime::resolve() {
         standardLibraryPath_ = environment("QUOR_STDLIB_PATH");
     }
     if (standardLibraryPath_.empty()) {
-        standardLibraryPath_ = defaultStandardLibraryPath();
+        standardLibraryPath_ = location::defaultStandardLibraryPath();
     }
 
     std::string cacheRoot = configuration_.cacheRoot;

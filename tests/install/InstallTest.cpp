@@ -1,16 +1,28 @@
 // `cmake --install` into a scratch prefix: the library with its fingerprint,
-// the headers, the static libraries and the CMake package; a consumer project
-// built against that package; and the installed tool finding the installed
-// library on its own.
+// the headers, the static libraries, the CMake and pkg-config files, the tool's
+// manual page and completion, and the documentation. Then the programs built
+// against that prefix as a compiler project would build them (with
+// find_package, with pkg-config, by hand), each run with no setting pointing at
+// the library: they must find the installed one where the prefix lies now,
+// whether it was installed there, copied there, staged with DESTDIR, or its
+// source tree is gone.
 
 #include "InstallTestSupport.h"
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <chrono>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <regex>
+#include <sstream>
 #include <string>
+#include <thread>
 
 namespace quor::tests {
 namespace {
@@ -20,6 +32,95 @@ namespace fs = std::filesystem;
 const fs::path sourceDir = QUOR_TEST_SOURCE_DIR;
 const fs::path buildDir = QUOR_TEST_BUILD_DIR;
 const fs::path libDir = QUOR_TEST_INSTALL_LIBDIR;
+
+// The "key=value" lines of a consumer's output.
+std::map<std::string, std::string> keyValues(const std::string& output) {
+    std::map<std::string, std::string> values;
+    std::istringstream lines(output);
+    std::string line;
+    while (std::getline(lines, line)) {
+        const std::size_t equals = line.find('=');
+        if (equals != std::string::npos) {
+            values[line.substr(0, equals)] = line.substr(equals + 1);
+        }
+    }
+    return values;
+}
+
+// The environment of a program run by a user who set nothing for Quor: only
+// the cache root is chosen, so that the test never touches a real cache.
+std::map<std::string, std::optional<std::string>> freshCache(const fs::path& cache) {
+    return {{"QUOR_CACHE_DIR", cache.string()},
+            {"QUOR_STDLIB_PATH", std::nullopt},
+            {"XDG_CACHE_HOME", std::nullopt}};
+}
+
+fs::path markerOf(const fs::path& cache) {
+    return cache / ".first-launch" / QUOR_TEST_COMPILER_VERSION / "lib" / ".quor-stdlib-ready";
+}
+
+// A copy of the consumer project outside the source tree, as a downstream
+// project would have it.
+fs::path copyConsumer(const fs::path& scratch) {
+    const fs::path project = scratch / "consumer";
+    fs::copy(sourceDir / "tests" / "install" / "consumer", project, fs::copy_options::recursive);
+    return project;
+}
+
+// Configures and builds a CMake project against the package under `prefix`;
+// empty on success, else what cmake said.
+std::string buildWithCMake(const fs::path& project, const fs::path& build, const fs::path& prefix,
+                           const std::vector<std::string>& extra = {}) {
+    std::vector<std::string> configure = {QUOR_TEST_CMAKE_COMMAND,
+                                          "-S",
+                                          project.string(),
+                                          "-B",
+                                          build.string(),
+                                          "-G",
+                                          QUOR_TEST_CMAKE_GENERATOR,
+                                          "-DCMAKE_MAKE_PROGRAM=" QUOR_TEST_MAKE_PROGRAM,
+                                          "-DCMAKE_CXX_COMPILER=" QUOR_TEST_CXX_COMPILER,
+                                          "-DCMAKE_PREFIX_PATH=" + prefix.string()};
+    configure.insert(configure.end(), extra.begin(), extra.end());
+    ProcessResult configured = runProcess(configure);
+    if (configured.exitCode != 0) {
+        return "configure: " + configured.output;
+    }
+    ProcessResult built = runProcess({QUOR_TEST_CMAKE_COMMAND, "--build", build.string()});
+    if (built.exitCode != 0) {
+        return "build: " + built.output;
+    }
+    return {};
+}
+
+// Runs the consumer with `argument` ("" or "ensure") against a fresh cache
+// and checks that it used the library of `prefix` and that the cache was not
+// ready before.
+void expectConsumerUsesTheLibraryOf(const fs::path& consumer, const fs::path& prefix,
+                                    const fs::path& cache, bool ensure = false) {
+    ProcessResult run = runProcess({consumer.string(), ensure ? "ensure" : ""}, freshCache(cache));
+    ASSERT_EQ(run.exitCode, 0) << run.output;
+    const auto values = keyValues(run.output);
+    EXPECT_EQ(values.count("stdlib") ? values.at("stdlib") : "",
+              (prefix / "share" / "quor" / "stdlib").string())
+        << run.output;
+    EXPECT_EQ(values.count("branch") ? values.at("branch") : "",
+              (cache / QUOR_TEST_COMPILER_VERSION).string())
+        << run.output;
+    EXPECT_EQ(values.count("required") ? values.at("required") : "", "1") << run.output;
+    if (ensure) {
+        EXPECT_EQ(values.count("bootstrapped") ? values.at("bootstrapped") : "", "1") << run.output;
+        EXPECT_EQ(values.count("requiredAfter") ? values.at("requiredAfter") : "", "0")
+            << run.output;
+        const std::string installed =
+            readFile(prefix / "share" / "quor" / "stdlib" / ".quor-stdlib-fingerprint");
+        ASSERT_FALSE(installed.empty());
+        EXPECT_NE(readFile(markerOf(cache)).find("\nfingerprint=" + installed), std::string::npos)
+            << readFile(markerOf(cache));
+    } else {
+        EXPECT_FALSE(fs::exists(cache / ".first-launch")) << "isRequired() must create nothing";
+    }
+}
 
 class InstallTest : public ::testing::Test {
 protected:
@@ -36,6 +137,8 @@ protected:
 
     static fs::path prefix() { return prefixDir_->path(); }
     static fs::path stdlib() { return prefix() / "share" / "quor" / "stdlib"; }
+    static fs::path tool() { return prefix() / "bin" / "quor-stdlib"; }
+    static fs::path docs() { return prefix() / "share" / "doc" / "quor-bootstrap"; }
 
     static inline std::unique_ptr<ScratchDirectory> prefixDir_;
     static inline ProcessResult install_;
@@ -73,7 +176,7 @@ TEST_F(InstallTest, InstallsThePublicHeaders) {
     const fs::path include = prefix() / "include" / "quor" / "compiler";
     for (const char* header :
          {"StandardLibraryBootstrap.h", "StandardLibraryCacheState.h", "Runtime.h", "Compiler.h",
-          "SourceManager.h", "source/TypeHeader.h"}) {
+          "SourceManager.h", "CacheTrust.h", "source/TypeHeader.h"}) {
         ASSERT_TRUE(fs::is_regular_file(include / header)) << header;
         EXPECT_EQ(readFile(include / header), readFile(sourceDir / "compiler" / header)) << header;
     }
@@ -90,9 +193,11 @@ TEST_F(InstallTest, InstallsThePublicHeaders) {
                 << entry.path() << " includes " << (*it)[1];
         }
     }
+    // The default location is the services' own business.
+    EXPECT_FALSE(fs::exists(include / "LibraryLocation.h"));
 }
 
-TEST_F(InstallTest, InstallsTheLibrariesAndThePackage) {
+TEST_F(InstallTest, InstallsTheLibrariesAndThePackages) {
     EXPECT_TRUE(fs::is_regular_file(prefix() / libDir / "libquor_bootstrap.a"));
     EXPECT_TRUE(fs::is_regular_file(prefix() / libDir / "libquor_services.a"));
     const fs::path package = prefix() / libDir / "cmake" / "QuorBootstrap";
@@ -101,70 +206,312 @@ TEST_F(InstallTest, InstallsTheLibrariesAndThePackage) {
     const std::string targets = readFile(package / "QuorBootstrapTargets.cmake");
     EXPECT_NE(targets.find("Quor::bootstrap"), std::string::npos);
     EXPECT_NE(targets.find("Quor::services"), std::string::npos);
+    EXPECT_TRUE(fs::is_regular_file(prefix() / libDir / "pkgconfig" / "quor-bootstrap.pc"));
+    // Beside the library, where the installed services look for it.
+    EXPECT_EQ(readFile(prefix() / "share" / "quor" / "PackageLocation.cpp"),
+              readFile(sourceDir / "compiler" / "package" / "PackageLocation.cpp"));
 }
 
-// The acceptance test of the package: a separate project finds it, links the
-// bootstrap and the services, and asks isRequired() against a fresh cache.
-TEST_F(InstallTest, ConsumerProjectBuildsAndRunsAgainstThePackage) {
-    ScratchDirectory scratch("consumer");
-    const fs::path build = scratch.path() / "build";
-    ProcessResult configure =
-        runProcess({QUOR_TEST_CMAKE_COMMAND, "-S",
-                    (sourceDir / "tests" / "install" / "consumer").string(), "-B", build.string(),
-                    "-G", QUOR_TEST_CMAKE_GENERATOR, "-DCMAKE_MAKE_PROGRAM=" QUOR_TEST_MAKE_PROGRAM,
-                    "-DCMAKE_CXX_COMPILER=" QUOR_TEST_CXX_COMPILER,
-                    "-DCMAKE_PREFIX_PATH=" + prefix().string()});
-    ASSERT_EQ(configure.exitCode, 0) << configure.output;
-    ProcessResult built = runProcess({QUOR_TEST_CMAKE_COMMAND, "--build", build.string()});
-    ASSERT_EQ(built.exitCode, 0) << built.output;
+TEST_F(InstallTest, InstallsTheDocumentationAndTheExamples) {
+    EXPECT_EQ(readFile(docs() / "README.md"), readFile(sourceDir / "README.md"));
+    for (const auto& entry : fs::recursive_directory_iterator(sourceDir / "docs")) {
+        if (entry.is_regular_file()) {
+            const fs::path relative = fs::relative(entry.path(), sourceDir / "docs");
+            EXPECT_EQ(readFile(docs() / relative), readFile(entry.path())) << relative;
+        }
+    }
+    EXPECT_TRUE(fs::is_regular_file(docs() / "embedding.md"));
+    EXPECT_EQ(readFile(docs() / "examples" / "driver" / "main.cpp"),
+              readFile(sourceDir / "examples" / "driver" / "main.cpp"));
+}
 
-    const fs::path cache = scratch.path() / "cache";
-    ProcessResult run =
-        runProcess({(build / "consumer").string()},
-                   {{"QUOR_CACHE_DIR", cache.string()}, {"QUOR_STDLIB_PATH", std::nullopt}});
-    ASSERT_EQ(run.exitCode, 0) << run.output;
-    EXPECT_NE(run.output.find("version=" QUOR_TEST_COMPILER_VERSION "\n"), std::string::npos)
-        << run.output;
-    EXPECT_NE(run.output.find("stdlib=" + stdlib().string() + "\n"), std::string::npos)
-        << run.output;
-    EXPECT_NE(run.output.find("required=1\n"), std::string::npos) << run.output;
-    EXPECT_FALSE(fs::exists(cache / ".first-launch")) << "isRequired() must create nothing";
+TEST_F(InstallTest, InstallsTheManualPageAndTheCompletion) {
+    if (!fs::exists(tool())) {
+        GTEST_SKIP() << "the tool is not part of this installation";
+    }
+    const std::string page = readFile(prefix() / "share" / "man" / "man1" / "quor-stdlib.1");
+    ASSERT_FALSE(page.empty());
+    EXPECT_NE(page.find(".TH QUOR\\-STDLIB 1"), std::string::npos) << page;
+    // What the tool's own help lists, the page lists.
+    ProcessResult help = runProcess({tool().string(), "help"});
+    ASSERT_EQ(help.exitCode, 0) << help.output;
+    for (const char* subcommand : {"status", "ensure", "prune", "help"}) {
+        ASSERT_NE(help.output.find(std::string("  ") + subcommand + " "), std::string::npos);
+        EXPECT_NE(page.find(std::string(".SS \"quor\\-stdlib ") + subcommand), std::string::npos)
+            << subcommand;
+    }
+    for (const char* option : {"\\-\\-stdlib", "\\-\\-cache\\-root", "\\-\\-json", "\\-\\-timeout",
+                               "\\-\\-check", "\\-\\-dry\\-run", "QUOR_CACHE_DIR"}) {
+        EXPECT_NE(page.find(option), std::string::npos) << option;
+    }
+    EXPECT_NE(page.find(".SH EXIT STATUS\n.TP\n.B 0\n"), std::string::npos) << page;
+    EXPECT_TRUE(fs::is_regular_file(prefix() / "share" / "bash-completion" / "completions" /
+                                    "quor-stdlib"));
+}
+
+// The completion, sourced into bash as bash-completion would, answers the
+// words a user has typed so far.
+TEST_F(InstallTest, CompletionOffersSubcommandsOptionsAndValues) {
+    const fs::path script = prefix() / "share" / "bash-completion" / "completions" / "quor-stdlib";
+    if (!fs::exists(script)) {
+        GTEST_SKIP() << "the tool is not part of this installation";
+    }
+    ScratchDirectory scratch("completion");
+    fs::create_directories(scratch.path() / "libs" / "one");
+    const auto complete = [&](const std::string& words) {
+        ProcessResult run = runProcess(
+            {"bash", "-c",
+             "source \"$1\"; COMP_WORDS=($2); COMP_CWORD=$(( ${#COMP_WORDS[@]} - 1 )); "
+             "[[ $2 == *' ' ]] && { COMP_WORDS+=(''); COMP_CWORD=$(( COMP_CWORD + 1 )); }; "
+             "_quor_stdlib; printf '%s\\n' \"${COMPREPLY[@]}\" | sort | tr '\\n' ' '",
+             "complete", script.string(), words},
+            {}, scratch.path());
+        EXPECT_EQ(run.exitCode, 0) << run.output;
+        return run.output;
+    };
+    EXPECT_EQ(complete("quor-stdlib ens"), "ensure ");
+    EXPECT_EQ(complete("quor-stdlib pr"), "prune ");
+    EXPECT_EQ(complete("quor-stdlib ensure --t"), "--timeout ");
+    EXPECT_EQ(complete("quor-stdlib --json status --ch"), "--check ");
+    EXPECT_EQ(complete("quor-stdlib --color "), "always auto never ");
+    EXPECT_EQ(complete("quor-stdlib --stdlib libs/"), "libs/one ");
+    EXPECT_EQ(complete("quor-stdlib --stdlib status ens"), "ensure ")
+        << "an option's value is not the subcommand";
+    EXPECT_EQ(complete("quor-stdlib help st"), "status ");
+    EXPECT_EQ(complete("quor-stdlib prune --dry"), "--dry-run ");
 }
 
 TEST_F(InstallTest, PackageRefusesAnotherMinorVersion) {
     ScratchDirectory scratch("consumer-version");
-    ProcessResult configure = runProcess(
-        {QUOR_TEST_CMAKE_COMMAND, "-S", (sourceDir / "tests" / "install" / "consumer").string(),
-         "-B", (scratch.path() / "build").string(), "-G", QUOR_TEST_CMAKE_GENERATOR,
-         "-DCMAKE_MAKE_PROGRAM=" QUOR_TEST_MAKE_PROGRAM,
-         "-DCMAKE_CXX_COMPILER=" QUOR_TEST_CXX_COMPILER, "-DCMAKE_PREFIX_PATH=" + prefix().string(),
-         "-DQUOR_REQUIRED_VERSION=0.2"});
-    EXPECT_NE(configure.exitCode, 0) << configure.output;
-    EXPECT_NE(configure.output.find("QuorBootstrap"), std::string::npos) << configure.output;
+    const std::string failure =
+        buildWithCMake(copyConsumer(scratch.path()), scratch.path() / "build", prefix(),
+                       {"-DQUOR_REQUIRED_VERSION=0.2"});
+    EXPECT_NE(failure.find("configure:"), std::string::npos) << failure;
+    EXPECT_NE(failure.find("QuorBootstrap"), std::string::npos) << failure;
+}
+
+// The acceptance test of the package: a project outside the source tree finds
+// it, includes the headers in both forms, links the bootstrap and the
+// services, and with no setting at all gets the installed library; its first
+// ensure() builds that library and certifies it with the installed fingerprint.
+TEST_F(InstallTest, ConsumerProjectDefaultsToTheInstalledLibrary) {
+    ScratchDirectory scratch("consumer");
+    const fs::path build = scratch.path() / "build";
+    ASSERT_EQ(buildWithCMake(copyConsumer(scratch.path()), build, prefix()), "");
+    expectConsumerUsesTheLibraryOf(build / "consumer", prefix(), scratch.path() / "cache");
+    expectConsumerUsesTheLibraryOf(build / "consumer", prefix(), scratch.path() / "cache-2", true);
+}
+
+// A prefix copied elsewhere after its installation serves its consumers from
+// where it lies now; the place it was installed to may be gone.
+TEST_F(InstallTest, CopiedPrefixIsFoundWhereItNowLies) {
+    ScratchDirectory scratch("copied-prefix");
+    const fs::path copy = scratch.path() / "elsewhere" / "quor";
+    fs::create_directories(copy.parent_path());
+    fs::copy(prefix(), copy, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
+    const fs::path build = scratch.path() / "build";
+    ASSERT_EQ(buildWithCMake(copyConsumer(scratch.path()), build, copy), "");
+    expectConsumerUsesTheLibraryOf(build / "consumer", copy, scratch.path() / "cache", true);
+}
+
+// A packager's staged installation: DESTDIR in front of the prefix. Whoever
+// builds against the staging tree gets the staged library.
+TEST_F(InstallTest, StagedInstallationIsFoundWhereItLies) {
+    ScratchDirectory scratch("destdir");
+    const fs::path stage = scratch.path() / "stage";
+    const std::string finalPrefix = "/opt/quor-staged-" + scratch.path().filename().string();
+    ProcessResult staged = runProcess(
+        {QUOR_TEST_CMAKE_COMMAND, "--install", buildDir.string(), "--prefix", finalPrefix},
+        {{"DESTDIR", stage.string()}});
+    ASSERT_EQ(staged.exitCode, 0) << staged.output;
+    const fs::path stagedPrefix = stage / finalPrefix.substr(1);
+    ASSERT_FALSE(fs::exists(finalPrefix)) << "DESTDIR was not honoured";
+    EXPECT_EQ(readFile(stagedPrefix / "share" / "quor" / "stdlib" / ".quor-stdlib-fingerprint"),
+              readFile(stdlib() / ".quor-stdlib-fingerprint"));
+    const fs::path build = scratch.path() / "build";
+    ASSERT_EQ(buildWithCMake(copyConsumer(scratch.path()), build, stagedPrefix), "");
+    expectConsumerUsesTheLibraryOf(build / "consumer", stagedPrefix, scratch.path() / "cache");
+}
+
+// A consumer built by plain `c++ $(pkg-config --cflags --libs quor-bootstrap)`,
+// then the example driver as examples/pkg-config/build.sh builds it.
+TEST_F(InstallTest, PkgConfigConsumersBuildAndRun) {
+    ScratchDirectory scratch("pkg-config");
+    const fs::path project = copyConsumer(scratch.path());
+    const std::map<std::string, std::optional<std::string>> pkgConfig = {
+        {"PKG_CONFIG_PATH", (prefix() / libDir / "pkgconfig").string()}};
+    ProcessResult version = runShell("pkg-config --modversion quor-bootstrap && "
+                                     "pkg-config --variable=stdlibdir quor-bootstrap",
+                                     pkgConfig);
+    ASSERT_EQ(version.exitCode, 0) << version.output;
+    std::istringstream lines(version.output);
+    std::string modversion, stdlibdir;
+    std::getline(lines, modversion);
+    std::getline(lines, stdlibdir);
+    EXPECT_EQ(modversion, QUOR_TEST_COMPILER_VERSION);
+    EXPECT_EQ(fs::canonical(stdlibdir), fs::canonical(stdlib()));
+
+    ProcessResult built = runShell("cd '" + project.string() +
+                                       "' && c++ -std=c++20 -Wall -Wextra -Wpedantic -o consumer "
+                                       "main.cpp PrefixedIncludes.cpp "
+                                       "$(pkg-config --cflags --libs quor-bootstrap)",
+                                   pkgConfig);
+    ASSERT_EQ(built.exitCode, 0) << built.output;
+    EXPECT_EQ(built.output, "") << "the package's flags bring warnings";
+    expectConsumerUsesTheLibraryOf(project / "consumer", prefix(), scratch.path() / "cache", true);
+
+    fs::copy(sourceDir / "examples", scratch.path() / "examples", fs::copy_options::recursive);
+    ProcessResult driver = runProcess(
+        {"sh", (scratch.path() / "examples" / "pkg-config" / "build.sh").string()}, pkgConfig);
+    ASSERT_EQ(driver.exitCode, 0) << driver.output;
+    ProcessResult run =
+        runProcess({(scratch.path() / "examples" / "pkg-config" / "quorc").string()},
+                   freshCache(scratch.path() / "driver-cache"));
+    ASSERT_EQ(run.exitCode, 0) << run.output;
+    EXPECT_NE(run.output.find("quorc: standard library " + stdlib().string() + "\n"),
+              std::string::npos)
+        << run.output;
+    EXPECT_TRUE(fs::is_regular_file(markerOf(scratch.path() / "driver-cache"))) << run.output;
+}
+
+// The example driver of docs/embedding.md, built with its own build script
+// against the installed package: on a fresh cache it says why the start is
+// slow, builds with a progress line and carries on; when another process holds
+// the build lock it says that it waits; once the cache is ready it is silent.
+TEST_F(InstallTest, ExampleDriverMakesAFreshCacheReady) {
+    ScratchDirectory scratch("driver");
+    const fs::path examples = scratch.path() / "examples";
+    fs::copy(sourceDir / "examples", examples, fs::copy_options::recursive);
+    ProcessResult built = runProcess({"sh", (examples / "driver" / "build.sh").string()},
+                                     {{"QUOR_PREFIX", prefix().string()}});
+    ASSERT_EQ(built.exitCode, 0) << built.output;
+    const fs::path quorc = examples / "driver" / "build" / "quorc";
+    const fs::path source = scratch.path() / "hello.qr";
+    writeFile(source, "package hello\n");
+
+    // Another process holds the build lock for a while.
+    const fs::path cache = scratch.path() / "cache";
+    const fs::path lockFile =
+        cache / ".first-launch" / QUOR_TEST_COMPILER_VERSION / ".stdlib-bootstrap-lib.lock";
+    fs::create_directories(lockFile.parent_path());
+    const int fd = ::open(lockFile.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(::flock(fd, LOCK_EX), 0);
+    std::thread release([fd] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+        ::close(fd);
+    });
+    ProcessResult first = runProcess({quorc.string(), source.string()}, freshCache(cache));
+    release.join();
+    ASSERT_EQ(first.exitCode, 0) << first.output;
+    const std::string& out = first.output;
+    const std::size_t notice = out.find("quorc: first start of this compiler version");
+    const std::size_t waiting = out.find("quorc: waiting for another process");
+    const std::size_t building = out.find("quorc: building the standard library\n");
+    const std::size_t ready = out.find("quorc: standard library ready: ");
+    ASSERT_NE(notice, std::string::npos) << out;
+    ASSERT_NE(waiting, std::string::npos) << out;
+    ASSERT_NE(building, std::string::npos) << out;
+    ASSERT_NE(ready, std::string::npos) << out;
+    EXPECT_LT(notice, waiting);
+    EXPECT_LT(waiting, building);
+    EXPECT_LT(building, ready);
+    // The last progress line shows every unit of the build done.
+    std::smatch total;
+    ASSERT_TRUE(std::regex_search(out, total, std::regex("standard library ready: ([0-9]+) units")))
+        << out;
+    EXPECT_NE(total[1].str(), "0");
+    EXPECT_NE(out.find("quorc: compiled " + total[1].str() + "/" + total[1].str() + " "),
+              std::string::npos)
+        << out;
+    EXPECT_NE(out.find("quorc: standard library " + stdlib().string() + "\n"), std::string::npos)
+        << out;
+    EXPECT_NE(out.find("quorc: " + source.string() + ": 14 bytes read\n"), std::string::npos)
+        << out;
+    EXPECT_TRUE(fs::is_regular_file(markerOf(cache)));
+
+    ProcessResult second = runProcess({quorc.string()}, freshCache(cache));
+    ASSERT_EQ(second.exitCode, 0) << second.output;
+    EXPECT_EQ(second.output.find("first start"), std::string::npos) << second.output;
+    EXPECT_EQ(second.output.find("building"), std::string::npos) << second.output;
+    EXPECT_NE(second.output.find("quorc: precompiled in " +
+                                 (cache / QUOR_TEST_COMPILER_VERSION / "lib").string()),
+              std::string::npos)
+        << second.output;
+
+    // A missing library is an error, not a silent start without one.
+    ProcessResult missing =
+        runProcess({quorc.string(), "--stdlib", (scratch.path() / "no-such-library").string()},
+                   freshCache(scratch.path() / "cache-missing"));
+    EXPECT_EQ(missing.exitCode, 1) << missing.output;
+    EXPECT_NE(missing.output.find("quorc: error: Unable to enumerate Quor standard library"),
+              std::string::npos)
+        << missing.output;
 }
 
 // The installed tool finds the library installed beside it, with no variable
 // pointing there, and certifies the cache with the installed fingerprint.
 TEST_F(InstallTest, InstalledToolBuildsTheInstalledLibrary) {
-    const fs::path tool = prefix() / "bin" / "quor-stdlib";
-    if (!fs::exists(tool)) {
+    if (!fs::exists(tool())) {
         GTEST_SKIP() << "the tool is not part of this installation";
     }
     ScratchDirectory scratch("installed-tool");
     const fs::path cache = scratch.path() / "cache";
-    ProcessResult run = runProcess({tool.string(), "ensure"},
-                                   {{"QUOR_CACHE_DIR", cache.string()},
-                                    {"QUOR_STDLIB_PATH", std::nullopt},
-                                    {"XDG_CACHE_HOME", std::nullopt}},
-                                   scratch.path());
+    ProcessResult run = runProcess({tool().string(), "ensure"}, freshCache(cache), scratch.path());
     ASSERT_EQ(run.exitCode, 0) << run.output;
-    const std::string marker = readFile(cache / ".first-launch" / QUOR_TEST_COMPILER_VERSION /
-                                        "lib" / ".quor-stdlib-ready");
+    const std::string marker = readFile(markerOf(cache));
     const std::string installed = readFile(stdlib() / ".quor-stdlib-fingerprint");
     ASSERT_FALSE(installed.empty());
     EXPECT_NE(marker.find("\nfingerprint=" + installed), std::string::npos) << marker;
     EXPECT_NE(marker.find("\nversion=" QUOR_TEST_COMPILER_VERSION "\n"), std::string::npos)
         << marker;
+}
+
+// The case the installed package exists for: the package is built from a
+// source tree, installed, and the source tree goes away (moved, deleted, or
+// on another machine). A consumer built afterwards, with find_package or by
+// hand with -l flags only, still defaults to the installed library. This test
+// builds its own copy of the sources, so that it can move them away.
+TEST(InstalledPackage, OutlivesItsSourceTree) {
+    ScratchDirectory scratch("moved-source");
+    const fs::path source = scratch.path() / "source";
+    const fs::path build = scratch.path() / "build";
+    const fs::path prefix = scratch.path() / "prefix";
+    fs::create_directories(source);
+    for (const char* entry :
+         {"CMakeLists.txt", "README.md", "cmake", "compiler", "docs", "examples", "stdlib"}) {
+        fs::copy(sourceDir / entry, source / entry, fs::copy_options::recursive);
+    }
+    ProcessResult configured =
+        runProcess({QUOR_TEST_CMAKE_COMMAND, "-S", source.string(), "-B", build.string(), "-G",
+                    QUOR_TEST_CMAKE_GENERATOR, "-DCMAKE_MAKE_PROGRAM=" QUOR_TEST_MAKE_PROGRAM,
+                    "-DCMAKE_CXX_COMPILER=" QUOR_TEST_CXX_COMPILER, "-DCMAKE_BUILD_TYPE=Debug",
+                    "-DQUOR_BUILD_TESTS=OFF", "-DQUOR_BUILD_TOOLS=OFF",
+                    "-DCMAKE_INSTALL_PREFIX=" + prefix.string()});
+    ASSERT_EQ(configured.exitCode, 0) << configured.output;
+    ProcessResult built = runProcess({QUOR_TEST_CMAKE_COMMAND, "--build", build.string()});
+    ASSERT_EQ(built.exitCode, 0) << built.output;
+    ProcessResult installed = runProcess({QUOR_TEST_CMAKE_COMMAND, "--install", build.string()});
+    ASSERT_EQ(installed.exitCode, 0) << installed.output;
+
+    fs::rename(source, scratch.path() / "source-moved-away");
+    fs::remove_all(build);
+
+    const fs::path project = copyConsumer(scratch.path());
+    const fs::path consumerBuild = scratch.path() / "consumer-build";
+    ASSERT_EQ(buildWithCMake(project, consumerBuild, prefix), "");
+    expectConsumerUsesTheLibraryOf(consumerBuild / "consumer", prefix, scratch.path() / "cache",
+                                   true);
+
+    // Without the package's flags, the services fall back to the location
+    // they were configured to be installed to.
+    const fs::path include = prefix / "include";
+    ProcessResult byHand = runShell(
+        "cd '" + project.string() + "' && c++ -std=c++20 -o by-hand main.cpp PrefixedIncludes.cpp" +
+        " -I'" + (include / "quor").string() + "' -I'" + include.string() + "' -L'" +
+        (prefix / libDir).string() + "' -lquor_bootstrap -lquor_services -pthread");
+    ASSERT_EQ(byHand.exitCode, 0) << byHand.output;
+    expectConsumerUsesTheLibraryOf(project / "by-hand", prefix, scratch.path() / "cache-by-hand");
 }
 
 } // namespace

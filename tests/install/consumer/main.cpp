@@ -1,22 +1,38 @@
-// Points the runtime at the installed standard library that the package
-// reports, asks the bootstrap whether a build is needed, and prints what it
-// found, one "key=value" per line, for the installation test to check.
+// Leaves the runtime to its defaults, as a compiler that is given no options
+// would, and prints what it found, one "key=value" per line, for the
+// installation tests to check: the library the runtime picked, the cache
+// branch and whether the bootstrap wants a build. With the argument "ensure"
+// it then builds the library and prints the result.
 
+#include "compiler/CacheTrust.h"
+#include "compiler/Compiler.h"
 #include "compiler/Runtime.h"
+#include "compiler/SourceManager.h"
 #include "compiler/StandardLibraryBootstrap.h"
+#include "compiler/StandardLibraryCacheState.h"
+#include "compiler/source/TypeHeader.h"
 
 #include <exception>
 #include <iostream>
+#include <string>
 
-int main() {
+bool consumerIsRequired(); // PrefixedIncludes.cpp
+
+int main(int argc, char** argv) {
     using namespace quor::compiler;
+    const bool ensure = argc > 1 && std::string(argv[1]) == "ensure";
     try {
-        RuntimeConfiguration configuration;
-        configuration.standardLibraryPath = CONSUMER_STDLIB_DIR;
-        Runtime::getInstance().configure(configuration);
-        std::cout << "version=" << CONSUMER_COMPILER_VERSION << "\n"
-                  << "stdlib=" << Runtime::getInstance().getStandardLibraryPath() << "\n"
-                  << "required=" << (StandardLibraryBootstrap::isRequired() ? 1 : 0) << "\n";
+        const Runtime& runtime = Runtime::getInstance();
+        std::cout << "stdlib=" << runtime.getStandardLibraryPath() << "\n"
+                  << "branch=" << runtime.getCacheBranchPath() << "\n"
+                  << "required=" << (consumerIsRequired() ? 1 : 0) << "\n";
+        if (ensure) {
+            const StandardLibraryBootstrapResult result = StandardLibraryBootstrap::ensure({});
+            std::cout << "bootstrapped=" << (result.bootstrapped ? 1 : 0) << "\n"
+                      << "compiled=" << result.completed << "\n"
+                      << "requiredAfter=" << (StandardLibraryBootstrap::isRequired() ? 1 : 0)
+                      << "\n";
+        }
     } catch (const std::exception& error) {
         std::cerr << "error: " << error.what() << "\n";
         return 1;

@@ -1,0 +1,93 @@
+#!/usr/bin/env bash
+# Tries the Debian package the way a user of it would, without installing it:
+# its metadata (dpkg-deb -I), its content, then the tool and the example driver
+# run from the package unpacked (dpkg-deb -x) into a temporary root, each
+# against a fresh cache. Nothing from the source or build tree is used but the
+# .deb itself.
+#
+#   tests/package/check-package.sh [PACKAGE.deb]    (default: build-package/*.deb)
+set -euo pipefail
+cd "$(dirname "$0")/../.."
+
+deb=${1:-}
+if [ -z "$deb" ]; then
+  debs=(build-package/*.deb)
+  [ -f "${debs[0]}" ] || { echo "check-package: no .deb in build-package/; run make package" >&2; exit 1; }
+  deb=${debs[0]}
+fi
+deb=$(realpath "$deb")
+version=$(sed -n 's/^project(Quor VERSION \([0-9.]*\) .*/\1/p' CMakeLists.txt)
+
+fail() { echo "check-package: $*" >&2; exit 1; }
+work=$(mktemp -d "${TMPDIR:-/tmp}/quor-package-XXXXXX")
+trap 'rm -rf "$work"' EXIT
+
+# The control fields a user and apt see.
+info=$(dpkg-deb -I "$deb")
+echo "$info"
+field() { dpkg-deb -f "$deb" "$1"; }
+[ "$(field Package)" = quor-bootstrap ] || fail "Package is '$(field Package)'"
+[ "$(field Version)" = "$version" ] || fail "Version is '$(field Version)', the project is $version"
+[ "$(field Architecture)" = "$(dpkg --print-architecture)" ] || fail "Architecture is '$(field Architecture)'"
+[ -n "$(field Maintainer)" ] || fail "no Maintainer"
+[ "$(field Section)" = devel ] || fail "Section is '$(field Section)'"
+field Description | grep -q 'Quor standard library' || fail "Description does not say what the package is"
+[ "$(field Description | wc -l)" -gt 1 ] || fail "Description has no long part"
+field Depends | grep -q 'libc6' || fail "Depends lacks the C library: '$(field Depends)'"
+
+# Everything the package promises, where Debian keeps it.
+root=$work/root
+dpkg-deb -x "$deb" "$root"
+multiarch=$(dpkg-architecture -qDEB_HOST_MULTIARCH 2>/dev/null || gcc -print-multiarch)
+for path in \
+    usr/bin/quor-stdlib \
+    usr/share/quor/stdlib/Prelude.qr \
+    usr/share/quor/stdlib/.quor-stdlib-fingerprint \
+    usr/share/quor/PackageLocation.cpp \
+    usr/include/quor/compiler/StandardLibraryBootstrap.h \
+    usr/include/quor/compiler/Runtime.h \
+    "usr/lib/$multiarch/libquor_bootstrap.a" \
+    "usr/lib/$multiarch/libquor_services.a" \
+    "usr/lib/$multiarch/cmake/QuorBootstrap/QuorBootstrapConfig.cmake" \
+    "usr/lib/$multiarch/pkgconfig/quor-bootstrap.pc" \
+    usr/share/man/man1/quor-stdlib.1 \
+    usr/share/bash-completion/completions/quor-stdlib \
+    usr/share/doc/quor-bootstrap/README.md \
+    usr/share/doc/quor-bootstrap/embedding.md \
+    usr/share/doc/quor-bootstrap/examples/driver/main.cpp; do
+  [ -f "$root/$path" ] || fail "the package has no $path"
+done
+if dpkg-deb -c "$deb" | grep -v ' \./usr/' | grep -q .; then
+  fail "the package installs outside /usr: $(dpkg-deb -c "$deb" | grep -v ' \./usr/')"
+fi
+
+# The unpacked tool builds the unpacked library into a fresh cache, and
+# certifies it with the library's own fingerprint.
+cache=$work/cache
+tool=$root/usr/bin/quor-stdlib
+env -u QUOR_STDLIB_PATH -u XDG_CACHE_HOME QUOR_CACHE_DIR="$cache" "$tool" status --check --quiet \
+  && fail "status --check calls a fresh cache ready"
+env -u QUOR_STDLIB_PATH -u XDG_CACHE_HOME QUOR_CACHE_DIR="$cache" "$tool" ensure
+status=$(env -u QUOR_STDLIB_PATH -u XDG_CACHE_HOME QUOR_CACHE_DIR="$cache" "$tool" status --json)
+echo "$status" | grep -q "\"library\": \"$root/usr/share/quor/stdlib\"" \
+  || fail "the unpacked tool does not use the unpacked library: $status"
+echo "$status" | grep -q '"fingerprintSource": "installed"' || fail "not the installed fingerprint: $status"
+echo "$status" | grep -q '"ready": true' || fail "not ready after ensure: $status"
+env -u QUOR_STDLIB_PATH -u XDG_CACHE_HOME QUOR_CACHE_DIR="$cache" "$tool" status --check --quiet \
+  || fail "status --check: not ready after ensure"
+"$tool" --version | grep -qx "quor-stdlib $version (object ABI [0-9]*)" || fail "--version: $("$tool" --version)"
+
+# The example driver, built from the package's documentation against the
+# unpacked prefix, makes a fresh cache of its own ready.
+cp -r "$root/usr/share/doc/quor-bootstrap/examples" "$work/examples"
+QUOR_PREFIX=$root/usr sh "$work/examples/driver/build.sh" >"$work/driver-build.log" 2>&1 \
+  || { cat "$work/driver-build.log"; fail "the example driver does not build against the package"; }
+driver_cache=$work/driver-cache
+output=$(env -u QUOR_STDLIB_PATH QUOR_CACHE_DIR="$driver_cache" "$work/examples/driver/build/quorc" 2>&1) \
+  || { echo "$output"; fail "the example driver failed"; }
+echo "$output"
+echo "$output" | grep -q "quorc: standard library $root/usr/share/quor/stdlib$" \
+  || fail "the driver does not default to the unpacked library"
+echo "$output" | grep -q "quorc: standard library ready: [0-9]* units compiled" \
+  || fail "the driver built nothing in a fresh cache"
+echo "check-package: $deb is sound"
