@@ -512,6 +512,15 @@ TEST(InstalledPackage, OutlivesItsSourceTree) {
         (prefix / libDir).string() + "' -lquor_bootstrap -lquor_services -pthread");
     ASSERT_EQ(byHand.exitCode, 0) << byHand.output;
     expectConsumerUsesTheLibraryOf(project / "by-hand", prefix, scratch.path() / "cache-by-hand");
+
+    // And once the prefix has moved too, such a program installed in its bin
+    // folder uses the library beside it.
+    const fs::path moved = scratch.path() / "moved-prefix";
+    fs::rename(prefix, moved);
+    fs::create_directories(moved / "bin");
+    fs::copy_file(project / "by-hand", moved / "bin" / "by-hand");
+    expectConsumerUsesTheLibraryOf(moved / "bin" / "by-hand", moved,
+                                   scratch.path() / "cache-moved");
 }
 
 } // namespace
