@@ -509,7 +509,7 @@ TEST(InstalledPackage, OutlivesItsSourceTree) {
     ProcessResult byHand = runShell(
         "cd '" + project.string() + "' && c++ -std=c++20 -o by-hand main.cpp PrefixedIncludes.cpp" +
         " -I'" + (include / "quor").string() + "' -I'" + include.string() + "' -L'" +
-        (prefix / libDir).string() + "' -lquor_bootstrap -lquor_services -pthread");
+        (prefix / libDir).string() + "' -lquor_bootstrap -lquor_services -lcrypto -pthread");
     ASSERT_EQ(byHand.exitCode, 0) << byHand.output;
     expectConsumerUsesTheLibraryOf(project / "by-hand", prefix, scratch.path() / "cache-by-hand");
 
