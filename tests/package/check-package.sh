@@ -31,9 +31,9 @@ field() { dpkg-deb -f "$deb" "$1"; }
 [ "$(field Architecture)" = "$(dpkg --print-architecture)" ] || fail "Architecture is '$(field Architecture)'"
 [ -n "$(field Maintainer)" ] || fail "no Maintainer"
 [ "$(field Section)" = devel ] || fail "Section is '$(field Section)'"
-field Description | grep -q 'Quor standard library' || fail "Description does not say what the package is"
+field Description | grep 'Quor standard library' >/dev/null || fail "Description does not say what the package is"
 [ "$(field Description | wc -l)" -gt 1 ] || fail "Description has no long part"
-field Depends | grep -q 'libc6' || fail "Depends lacks the C library: '$(field Depends)'"
+field Depends | grep 'libc6' >/dev/null || fail "Depends lacks the C library: '$(field Depends)'"
 
 # Everything the package promises, where Debian keeps it.
 root=$work/root
@@ -57,7 +57,7 @@ for path in \
     usr/share/doc/quor-bootstrap/examples/driver/main.cpp; do
   [ -f "$root/$path" ] || fail "the package has no $path"
 done
-if dpkg-deb -c "$deb" | grep -v ' \./usr/' | grep -q .; then
+if dpkg-deb -c "$deb" | grep -v ' \./usr/' | grep . >/dev/null; then
   fail "the package installs outside /usr: $(dpkg-deb -c "$deb" | grep -v ' \./usr/')"
 fi
 
@@ -69,13 +69,13 @@ env -u QUOR_STDLIB_PATH -u XDG_CACHE_HOME QUOR_CACHE_DIR="$cache" "$tool" status
   && fail "status --check calls a fresh cache ready"
 env -u QUOR_STDLIB_PATH -u XDG_CACHE_HOME QUOR_CACHE_DIR="$cache" "$tool" ensure
 status=$(env -u QUOR_STDLIB_PATH -u XDG_CACHE_HOME QUOR_CACHE_DIR="$cache" "$tool" status --json)
-echo "$status" | grep -q "\"library\": \"$root/usr/share/quor/stdlib\"" \
+echo "$status" | grep "\"library\": \"$root/usr/share/quor/stdlib\"" >/dev/null \
   || fail "the unpacked tool does not use the unpacked library: $status"
-echo "$status" | grep -q '"fingerprintSource": "installed"' || fail "not the installed fingerprint: $status"
-echo "$status" | grep -q '"ready": true' || fail "not ready after ensure: $status"
+echo "$status" | grep '"fingerprintSource": "installed"' >/dev/null || fail "not the installed fingerprint: $status"
+echo "$status" | grep '"ready": true' >/dev/null || fail "not ready after ensure: $status"
 env -u QUOR_STDLIB_PATH -u XDG_CACHE_HOME QUOR_CACHE_DIR="$cache" "$tool" status --check --quiet \
   || fail "status --check: not ready after ensure"
-"$tool" --version | grep -qx "quor-stdlib $version (object ABI [0-9]*)" || fail "--version: $("$tool" --version)"
+"$tool" --version | grep -x "quor-stdlib $version (object ABI [0-9]*)" || fail "--version: $("$tool" --version)"
 
 # The example driver, built from the package's documentation against the
 # unpacked prefix, makes a fresh cache of its own ready.
@@ -86,8 +86,8 @@ driver_cache=$work/driver-cache
 output=$(env -u QUOR_STDLIB_PATH QUOR_CACHE_DIR="$driver_cache" "$work/examples/driver/build/quorc" 2>&1) \
   || { echo "$output"; fail "the example driver failed"; }
 echo "$output"
-echo "$output" | grep -q "quorc: standard library $root/usr/share/quor/stdlib$" \
+echo "$output" | grep "quorc: standard library $root/usr/share/quor/stdlib$" >/dev/null \
   || fail "the driver does not default to the unpacked library"
-echo "$output" | grep -q "quorc: standard library ready: [0-9]* units compiled" \
+echo "$output" | grep "quorc: standard library ready: [0-9]* units compiled" >/dev/null \
   || fail "the driver built nothing in a fresh cache"
 echo "check-package: $deb is sound"
