@@ -92,7 +92,30 @@ SourceManager& SourceManager::instance() {
 
 SourceManager::SourceManager() = default;
 
+namespace {
+
+std::atomic<bool> readsStopped{false};
+static_assert(std::atomic<bool>::is_always_lock_free, "set from a signal handler");
+
+} // namespace
+
+void SourceManager::stopReads() noexcept {
+    readsStopped.store(true, std::memory_order_relaxed);
+}
+
+void SourceManager::resumeReads() noexcept {
+    readsStopped.store(false, std::memory_order_relaxed);
+}
+
+std::size_t SourceManager::textCount() {
+    std::lock_guard lock(mutex_);
+    return texts_.size();
+}
+
 std::shared_ptr<const std::string> SourceManager::contents(const std::filesystem::path& file) {
+    if (readsStopped.load(std::memory_order_relaxed)) {
+        throw ReadsStopped();
+    }
     std::string key = cacheKey(file);
     std::unique_lock lock(mutex_);
     for (;;) {
@@ -163,7 +186,11 @@ void SourceManager::readAhead(const std::filesystem::path& root) {
                         return; // the walk got here first: the rest is its own
                     }
                 }
-                contents(*file);
+                try {
+                    contents(*file);
+                } catch (...) {
+                    return; // stopped, or out of memory: the walk reads for itself
+                }
             }
         });
     } catch (const std::system_error&) {

@@ -157,7 +157,31 @@ TEST(ProgressLine, HasBarCountsPercentTimesAndLabelWithinTheWidth) {
     EXPECT_NE(line.find("2.0s elapsed"), std::string::npos) << line;
     EXPECT_NE(line.find("~6.0s left"), std::string::npos) << line;
     EXPECT_NE(line.find("collections.immutable"), std::string::npos) << line;
-    EXPECT_EQ(ProgressView::renderLine(10, 40, "collections.immutable", 2.0, 30).size(), 29u);
+    EXPECT_LE(ProgressView::renderLine(10, 40, "collections.immutable", 2.0, 30).size(), 29u);
+}
+
+TEST(ProgressLine, ANarrowTerminalShrinksTheBarThenDropsFieldsButKeepsTheCounts) {
+    const std::string label = "collections.immutable";
+    // 40 columns: the bar is shorter, the package goes first.
+    const std::string forty = ProgressView::renderLine(8753, 45600, label, 4.0, 40);
+    EXPECT_LE(forty.size(), 39u) << forty;
+    EXPECT_NE(forty.find("8753/45600  19%"), std::string::npos) << forty;
+    EXPECT_EQ(forty.find(label), std::string::npos) << forty;
+    EXPECT_EQ(forty.rfind("[", 0), 0u) << forty;
+    // 20 columns: only the counts are left.
+    EXPECT_EQ(ProgressView::renderLine(8753, 45600, label, 4.0, 20), "8753/45600  19%");
+    // 120 columns: everything, with the full bar.
+    const std::string wide = ProgressView::renderLine(8753, 45600, label, 4.0, 120);
+    EXPECT_EQ(wide.rfind("[###.................] 8753/45600  19%", 0), 0u) << wide;
+    EXPECT_NE(wide.find(label), std::string::npos) << wide;
+}
+
+TEST(ProgressLine, TheScanShowsHowManyUnitsWereRead) {
+    ProgressView::Line line;
+    line.label = "scanning the library: 812 units read";
+    line.elapsedSeconds = 1.5;
+    EXPECT_EQ(ProgressView::renderLine(line, 100), "scanning the library: 812 units read  1.5s");
+    EXPECT_EQ(ProgressView::renderLine(line, 30), "scanning the library: 812 uni");
 }
 
 TEST(Handlers, StatusWritesJsonToTheGivenStreams) {
@@ -166,13 +190,22 @@ TEST(Handlers, StatusWritesJsonToTheGivenStreams) {
     invocation.global.standardLibraryPath = sandbox.library().string();
     invocation.global.cacheRoot = sandbox.cacheRoot().string();
     invocation.global.json = true;
-    invocation.status.check = true;
     std::ostringstream out, err;
     Console console(out, err);
-    EXPECT_EQ(runStatus(invocation, console), ExitFailure);
+    EXPECT_EQ(runStatus(invocation, console), ExitSuccess);
     const auto status = nlohmann::json::parse(out.str());
     EXPECT_EQ(status["units"], Sandbox::compilableUnits);
     EXPECT_EQ(err.str(), "");
+
+    // --check answers from the marker alone: the library is not walked.
+    invocation.status.check = true;
+    std::ostringstream checkOut, checkErr;
+    Console checkConsole(checkOut, checkErr);
+    EXPECT_EQ(runStatus(invocation, checkConsole), ExitFailure);
+    const auto checked = nlohmann::json::parse(checkOut.str());
+    EXPECT_EQ(checked["ready"], false);
+    EXPECT_TRUE(checked["units"].is_null());
+    EXPECT_TRUE(checked["olderVersions"].is_null());
 
     std::ostringstream ensureOut, ensureErr;
     Console ensureConsole(ensureOut, ensureErr);

@@ -44,12 +44,12 @@ TEST_F(PruneCommand, DryRunListsOlderVersionsAndRemovesNothing) {
     ASSERT_EQ(run.status, 0) << run.err;
     const json report = json::parse(run.out);
     EXPECT_TRUE(report["dryRun"].get<bool>());
-    ASSERT_EQ(report["versions"].size(), 2u) << run.out;
-    EXPECT_EQ(report["versions"][0]["version"], "0.0.9");
-    EXPECT_EQ(report["versions"][1]["version"], "0.1.5");
-    EXPECT_EQ(report["versions"][1]["path"], (sandbox.cacheRoot() / "0.1.5").string());
-    EXPECT_GE(report["versions"][1]["bytes"].get<std::uint64_t>(), 20000u);
-    EXPECT_EQ(report["count"], 2);
+    ASSERT_EQ(report["olderVersions"].size(), 2u) << run.out;
+    EXPECT_EQ(report["olderVersions"][0]["version"], "0.0.9");
+    EXPECT_EQ(report["olderVersions"][1]["version"], "0.1.5");
+    EXPECT_EQ(report["olderVersions"][1]["path"], (sandbox.cacheRoot() / "0.1.5").string());
+    EXPECT_GE(report["olderVersions"][1]["bytes"].get<std::uint64_t>(), 20000u);
+    EXPECT_EQ(report["olderVersions"].size(), 2u);
     EXPECT_EQ(report["removed"], 0);
     EXPECT_EQ(report["bytesFreed"], 0);
     EXPECT_TRUE(fs::exists(sandbox.cacheRoot() / "0.1.5"));
@@ -70,7 +70,7 @@ TEST_F(PruneCommand, RemovesOlderVersionsWithTheirFirstLaunchState) {
     EXPECT_FALSE(report["dryRun"].get<bool>());
     EXPECT_EQ(report["removed"], 2);
     EXPECT_GE(report["bytesFreed"].get<std::uint64_t>(), 20000u);
-    EXPECT_EQ(report["bytesFreed"], report["bytes"]);
+    EXPECT_EQ(report["bytesFreed"], report["olderVersionsBytes"]);
     EXPECT_FALSE(fs::exists(sandbox.cacheRoot() / "0.1.5"));
     EXPECT_FALSE(fs::exists(sandbox.cacheRoot() / "0.0.9"));
     EXPECT_FALSE(fs::exists(sandbox.cacheRoot() / ".first-launch" / "0.1.5"));

@@ -166,6 +166,10 @@ TEST(StatusCommand, SaysWhatTheNextBuildWouldCompileAndReuse) {
     const json ready =
         json::parse(runTool(sandbox.arguments({"--json", "status"}), sandbox.path()).out);
     EXPECT_TRUE(ready["nextBuild"].is_null());
+    const ToolRun readyText = runTool(sandbox.arguments({"status"}), sandbox.path());
+    EXPECT_NE(readyText.out.find("  units to compile  4\n"), std::string::npos) << readyText.out;
+    EXPECT_EQ(readyText.out.find("unknown"), std::string::npos) << readyText.out;
+    EXPECT_EQ(readyText.out.find("next build"), std::string::npos) << readyText.out;
 }
 
 TEST(LibrarySwitch, AFailedBuildOfAnotherLibraryLeavesTheFirstNotReadyUntilBuiltAgain) {

@@ -458,3 +458,12 @@ std::uint64_t diskUsage(const fs::path& path) {
 }
 
 } // namespace quor::stdlibtool
+
+namespace quor::stdlibtool {
+
+std::uint64_t versionBytes(const fs::path& cacheRoot, const std::string& version) {
+    const fs::path root = cacheRoot.lexically_normal();
+    return diskUsage(root / version) + diskUsage(root / ".first-launch" / version);
+}
+
+} // namespace quor::stdlibtool

@@ -117,6 +117,12 @@ std::vector<std::string> compilableUnits(const std::filesystem::path& root,
 // links are not followed and entries that cannot be examined count as zero.
 std::uint64_t diskUsage(const std::filesystem::path& path);
 
+// What one compiler version takes below `cacheRoot`: its cache directory
+// (<root>/<version>: library cache and set-aside objects) and its first-launch
+// state (<root>/.first-launch/<version>), counted with diskUsage(). The one size
+// `status` and `prune` show for a version.
+std::uint64_t versionBytes(const std::filesystem::path& cacheRoot, const std::string& version);
+
 } // namespace quor::stdlibtool
 
 #endif

@@ -17,10 +17,12 @@ class Console;
 // Exit statuses, the same for every subcommand. `help` prints them.
 enum ExitStatus : int {
     ExitSuccess = 0,        // done; for `status --check`: the cache is ready
-    ExitFailure = 1,        // the operation failed, a lock wait timed out,
+    ExitFailure = 1,        // the operation failed,
                             // `status --check` found that a build is needed, or
                             // `verify` found the cache not ready or not sound
     ExitUsage = 2,          // the command line could not be understood
+    ExitTimedOut = 124,     // `ensure --timeout` gave up waiting for the build lock
+                            // (the status timeout(1) uses)
     ExitHangup = 129,       // SIGHUP (128 + 1): the terminal went away; stopped like Ctrl-C
     ExitInterrupted = 130,  // interrupted by SIGINT (Ctrl-C); no marker was written
     ExitOutputClosed = 141, // the operation succeeded, but standard output was closed

@@ -26,10 +26,12 @@
 #include "CacheProbe.h"
 #include "Commands.h"
 #include "Console.h"
+#include "Failure.h"
 #include "LockHolder.h"
 #include "Progress.h"
 
 #include "compiler/ObjectCache.h"
+#include "compiler/SourceManager.h"
 #include "compiler/StandardLibraryBootstrap.h"
 
 #include "JsonText.h"
@@ -89,6 +91,9 @@ extern "C" void onInterrupt(int signal) {
     int none = 0;
     interruptSignal.compare_exchange_strong(none, signal);
     interruptRequested.store(true);
+    // The bootstrap's walk of the library sends no report until it is done;
+    // its next read of a unit ends it instead.
+    compiler::SourceManager::stopReads();
     if (waitingInline.load())
         setWakeTimer(std::chrono::milliseconds(1));
     errno = savedErrno;
@@ -123,6 +128,7 @@ constexpr int wakeSignals[] = {SIGUSR1, SIGALRM};
 class SignalHandlers {
 public:
     SignalHandlers() {
+        compiler::SourceManager::resumeReads();
         interruptRequested.store(false);
         interruptSignal.store(0);
         waitingInline.store(false);
@@ -142,6 +148,7 @@ public:
     }
     ~SignalHandlers() {
         setWakeTimer(std::chrono::microseconds(0));
+        compiler::SourceManager::resumeReads();
         for (std::size_t i = 0; i < std::size(stopSignals); ++i)
             sigaction(stopSignals[i], &previousStop_[i], nullptr);
         for (std::size_t i = 0; i < std::size(wakeSignals); ++i)
@@ -270,18 +277,6 @@ double secondsBetween(Clock::time_point from, Clock::time_point to) {
     return std::chrono::duration<double>(to - from).count();
 }
 
-void printError(const Invocation& invocation, Console& console, const std::string& message,
-                int status, const std::optional<LockHolder>& gaveUpOn = std::nullopt) {
-    console.error(message);
-    if (!invocation.global.json)
-        return;
-    nlohmann::ordered_json event = {
-        {"event", "error"}, {"message", message}, {"exitStatus", status}};
-    if (gaveUpOn)
-        event["holder"] = {{"pid", gaveUpOn->pid}, {"command", gaveUpOn->command}};
-    console.out() << jsonText(event) << std::endl;
-}
-
 } // namespace
 
 int runEnsure(const Invocation& invocation, Console& console) {
@@ -304,11 +299,13 @@ int runEnsure(const Invocation& invocation, Console& console) {
         if (invocation.ensure.force)
             compiler::withdrawReadinessMarker();
     } catch (const std::exception& failure) {
-        printError(invocation, console, failure.what(), ExitFailure);
+        reportFailure(console, invocation.global.json, failureKind(failure.what()), failure.what(),
+                      ExitFailure);
         return ExitFailure;
     }
 
     ProgressView view(console, styleFor(invocation, console));
+    view.countUnitsReadWith([] { return compiler::SourceManager::instance().textCount(); });
     SignalHandlers handlers;
     Exchange exchange;
     const auto started = Clock::now();
@@ -403,18 +400,27 @@ int runEnsure(const Invocation& invocation, Console& console) {
             console.note(message);
             if (invocation.global.json)
                 console.out() << jsonText(nlohmann::ordered_json{{"event", "interrupted"},
+                                                                 {"kind", "interrupted"},
                                                                  {"signal", signalName(signal)},
                                                                  {"message", message},
                                                                  {"exitStatus", status}})
                               << std::endl;
             return status;
         }
-        printError(invocation, console, message, ExitFailure,
-                   gaveUp ? holder : std::optional<LockHolder>());
-        if (gaveUp)
-            console.note("gave up waiting for the build lock after " + formatDuration(seconds) +
-                         (holder ? "; it is held by " + describe(*holder) : std::string()));
-        else if (message.starts_with("Unable to lock Quor standard-library cache '"))
+        if (gaveUp) {
+            // The bootstrap's own words for an ended wait are those of a lock
+            // it may not take; what happened is that the time ran out.
+            nlohmann::ordered_json extra = nlohmann::ordered_json::object();
+            if (holder)
+                extra["holder"] = {{"pid", holder->pid}, {"command", holder->command}};
+            reportFailure(console, invocation.global.json, "timeout",
+                          "gave up waiting for the build lock after " + formatDuration(seconds) +
+                              (holder ? "; it is held by " + describe(*holder) : std::string()),
+                          ExitTimedOut, extra);
+            return ExitTimedOut;
+        }
+        reportFailure(console, invocation.global.json, failureKind(message), message, ExitFailure);
+        if (message.starts_with("Unable to lock Quor standard-library cache '"))
             if (const std::string cause = likelyLockFailureCause(paths.lockFile); !cause.empty())
                 console.note("likely cause: " + cause);
         return ExitFailure;

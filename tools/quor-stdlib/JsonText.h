@@ -11,8 +11,20 @@
 
 namespace quor::stdlibtool {
 
-// One line when `indent` is negative, else pretty-printed with that indent.
+// The version of the tool's JSON output (docs/json.md). Raised when a field
+// changes meaning or goes away; new fields do not raise it.
+constexpr int jsonSchema = 1;
+
+// One line when `indent` is negative, else pretty-printed with that indent. An
+// object gets "schema" as its first field, so that every document and event
+// the tool writes names the schema it follows.
 template <class Json> std::string jsonText(const Json& value, int indent = -1) {
+    if (value.is_object() && !value.contains("schema")) {
+        Json document = {{"schema", jsonSchema}};
+        for (const auto& [key, field] : value.items())
+            document[key] = field;
+        return document.dump(indent, ' ', false, Json::error_handler_t::replace);
+    }
     return value.dump(indent, ' ', false, Json::error_handler_t::replace);
 }
 

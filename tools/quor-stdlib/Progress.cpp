@@ -45,33 +45,72 @@ std::string ProgressView::unitLabel(const compiler::StandardLibraryBootstrapProg
     return std::filesystem::path(progress.sourcePath).filename().string();
 }
 
+void ProgressView::countUnitsReadWith(std::function<std::size_t()> unitsRead) {
+    unitsRead_ = std::move(unitsRead);
+}
+
+std::string ProgressView::renderLine(const Line& line, unsigned columns) {
+    const std::size_t width = columns > 1 ? columns - 1 : std::string::npos;
+    if (line.total == 0) {
+        std::string text = line.label.empty() ? std::string("preparing the build") : line.label;
+        const std::string clock = "  " + formatClock(line.elapsedSeconds);
+        if (text.size() + clock.size() <= width)
+            text += clock;
+        if (text.size() > width)
+            text.resize(width);
+        return text;
+    }
+    char counts[64];
+    std::snprintf(counts, sizeof counts, "%zu/%zu %3u%%", line.completed, line.total,
+                  percentOf(line.completed, line.total));
+    const std::string elapsed = "  " + formatClock(line.elapsedSeconds) + " elapsed";
+    const std::string left =
+        line.remainingSeconds ? ", ~" + formatClock(*line.remainingSeconds) + " left" : "";
+    const std::string label = line.label.empty() ? "" : "  " + line.label;
+    const auto bar = [&](std::size_t barWidth) {
+        if (barWidth == 0)
+            return std::string();
+        const std::size_t filled = line.completed * barWidth / line.total;
+        return "[" + std::string(filled, '#') + std::string(barWidth - filled, '.') + "] ";
+    };
+    // Fields go from the least useful on: the label, the estimate, the elapsed
+    // time, then the bar; before any of them goes, the bar shrinks to 5.
+    struct Fit {
+        bool label, left, elapsed, bar;
+    };
+    constexpr Fit fits[] = {{true, true, true, true},
+                            {false, true, true, true},
+                            {false, false, true, true},
+                            {false, false, false, true},
+                            {false, false, false, false}};
+    for (const Fit& fit : fits) {
+        const std::string tail = std::string(counts) + (fit.elapsed ? elapsed : "") +
+                                 (fit.elapsed && fit.left ? left : "") + (fit.label ? label : "");
+        if (!fit.bar) {
+            if (tail.size() <= width)
+                return tail;
+            break;
+        }
+        for (std::size_t barWidth = 20; barWidth >= 5; --barWidth) {
+            const std::string text = bar(barWidth) + tail;
+            if (text.size() <= width)
+                return text;
+        }
+    }
+    std::string text = counts;
+    if (text.size() > width)
+        text.resize(width);
+    return text;
+}
+
 std::string ProgressView::renderLine(std::size_t completed, std::size_t total,
                                      const std::string& label, double elapsedSeconds,
                                      unsigned columns) {
-    constexpr std::size_t barWidth = 20;
-    const std::size_t filled = total == 0 ? 0 : completed * barWidth / total;
-    std::string line = "[" + std::string(filled, '#') + std::string(barWidth - filled, '.') + "] ";
-    if (total == 0) {
-        line += "preparing the build  " + formatClock(elapsedSeconds);
-        if (columns > 1 && line.size() > columns - 1)
-            line.resize(columns - 1);
-        return line;
-    }
-    char counts[64];
-    std::snprintf(counts, sizeof counts, "%zu/%zu %3u%%", completed, total,
-                  percentOf(completed, total));
-    line += counts;
-    line += "  " + formatClock(elapsedSeconds) + " elapsed";
-    if (completed > 0 && completed < total) {
-        const double remaining = elapsedSeconds / static_cast<double>(completed) *
-                                 static_cast<double>(total - completed);
-        line += ", ~" + formatClock(remaining) + " left";
-    }
-    if (!label.empty())
-        line += "  " + label;
-    if (columns > 1 && line.size() > columns - 1)
-        line.resize(columns - 1);
-    return line;
+    Line line{completed, total, label, elapsedSeconds, std::nullopt};
+    if (completed > 0 && completed < total)
+        line.remainingSeconds = elapsedSeconds / static_cast<double>(completed) *
+                                static_cast<double>(total - completed);
+    return renderLine(line, columns);
 }
 
 void ProgressView::report(const compiler::StandardLibraryBootstrapProgress& progress) {
@@ -92,12 +131,17 @@ void ProgressView::report(const compiler::StandardLibraryBootstrapProgress& prog
     switch (progress.stage) {
     case StandardLibraryBootstrapStage::Preparing:
         started_ = Clock::now();
+        scanning_ = true;
         if (style_ == ProgressStyle::Plain)
             console_.note("building the standard library");
-        label_ = "preparing";
-        draw();
+        draw(true);
         return;
     case StandardLibraryBootstrapStage::Compiling:
+        if (!compileStarted_) {
+            compileStarted_ = Clock::now();
+            lineOpen_ = false; // the scan is over: its line gives way at once
+        }
+        scanning_ = false;
         completed_ = progress.completed;
         total_ = progress.total;
         // A file or folder name may hold anything; made visible before the
@@ -111,7 +155,9 @@ void ProgressView::report(const compiler::StandardLibraryBootstrapProgress& prog
         break;
     }
     if (style_ == ProgressStyle::Terminal) {
-        draw();
+        // The last unit's line must show, whatever the rate: what follows is
+        // the wait for the disk.
+        draw(completed_ == total_ || progress.stage == StandardLibraryBootstrapStage::Finished);
         return;
     }
     // Plain: a line at every tenth of the units or every second, and the last one.
@@ -133,7 +179,7 @@ void ProgressView::report(const compiler::StandardLibraryBootstrapProgress& prog
 
 void ProgressView::tick() {
     if (style_ == ProgressStyle::Terminal && lineOpen_)
-        draw();
+        draw(true);
 }
 
 void ProgressView::waitingFor(const LockHolder& holder, const std::filesystem::path& lockFile) {
@@ -153,13 +199,37 @@ void ProgressView::waitingFor(const LockHolder& holder, const std::filesystem::p
                   ", which holds the standard-library build lock " + lockFile.string());
 }
 
-void ProgressView::draw() {
+void ProgressView::draw(bool force) {
     if (style_ != ProgressStyle::Terminal)
         return;
-    console_.err() << "\r\033[K"
-                   << renderLine(completed_, total_, label_, secondsSince(started_),
-                                 console_.errColumns())
-                   << std::flush;
+    // At most about 20 frames a second: a frame per unit of a large library
+    // wrote megabytes to the terminal, faster than anyone reads.
+    const auto now = Clock::now();
+    if (!force && lineOpen_ && now - lastDraw_ < std::chrono::milliseconds(50))
+        return;
+    lastDraw_ = now;
+    Line line;
+    line.completed = completed_;
+    line.total = total_;
+    line.elapsedSeconds = secondsSince(started_);
+    if (scanning_) {
+        line.total = 0;
+        line.label = "scanning the library";
+        if (unitsRead_)
+            line.label += ": " + std::to_string(unitsRead_()) + " units read";
+    } else if (total_ != 0 && completed_ == total_) {
+        // The objects are made durable and the marker published; on a large
+        // library that takes a moment after the last unit.
+        line.label = "writing to disk and publishing";
+    } else {
+        line.label = label_;
+        if (compileStarted_ && completed_ > 0) {
+            const double compiling = secondsSince(*compileStarted_);
+            line.remainingSeconds = compiling / static_cast<double>(completed_) *
+                                    static_cast<double>(total_ - completed_);
+        }
+    }
+    console_.err() << "\r\033[K" << renderLine(line, console_.errColumns()) << std::flush;
     lineOpen_ = true;
 }
 

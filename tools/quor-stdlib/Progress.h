@@ -1,8 +1,13 @@
 // How `ensure` shows the bootstrap's progress reports. One view per run, fed
 // from a single thread:
 //   Terminal  one line on standard error, redrawn in place ("\r", then erase
-//             to the end of the line): bar, k/n, percent, the unit's package,
-//             elapsed time and an estimate of what remains;
+//             to the end of the line) at most 20 times a second, and always
+//             for the last report: while the library is scanned, how many
+//             units were read; then bar, k/n, percent, elapsed time, an
+//             estimate of what remains (from the compile phase alone) and the
+//             unit's package; then what the build does after its last unit.
+//             A narrow terminal gets a shorter bar first, then fewer fields;
+//             k/n and the percentage stay;
 //   Plain     a line on standard error now and then (every 10 % of the units
 //             or every second, whichever comes first), never a redraw;
 //   Json      one JSON object per report on standard output (JSON Lines);
@@ -18,6 +23,8 @@
 
 #include <chrono>
 #include <filesystem>
+#include <functional>
+#include <optional>
 #include <string>
 
 namespace quor::stdlibtool {
@@ -46,17 +53,39 @@ public:
     // directly in the library root.
     static std::string unitLabel(const compiler::StandardLibraryBootstrapProgress& progress);
 
-    // The terminal line for the given counts, cut to `columns` - 1 characters.
+    // Where the count of units read comes from while the library is scanned.
+    void countUnitsReadWith(std::function<std::size_t()> unitsRead);
+
+    // What the terminal line shows.
+    struct Line {
+        std::size_t completed = 0;
+        std::size_t total = 0; // 0 while the library is scanned
+        std::string label;     // the unit's package, or what the build does now
+        double elapsedSeconds = 0;
+        std::optional<double> remainingSeconds;
+    };
+
+    // The terminal line, at most `columns` - 1 characters wide: the bar shrinks
+    // first, then the label, the estimate, the elapsed time and the bar go, in
+    // that order; "k/n pct%" is cut only when nothing else is left.
+    static std::string renderLine(const Line& line, unsigned columns);
+
+    // The line while compiling, with the estimate drawn from `elapsedSeconds`
+    // as time spent on the `completed` units.
     static std::string renderLine(std::size_t completed, std::size_t total,
                                   const std::string& label, double elapsedSeconds,
                                   unsigned columns);
 
 private:
-    void draw();
+    void draw(bool force);
 
     Console& console_;
     ProgressStyle style_;
     Clock::time_point started_ = Clock::now();
+    std::optional<Clock::time_point> compileStarted_; // the first unit's report
+    Clock::time_point lastDraw_{};
+    std::function<std::size_t()> unitsRead_;
+    bool scanning_ = false;
     Clock::time_point lastPlainLine_{};
     std::size_t lastPlainCompleted_ = 0;
     std::size_t completed_ = 0;

@@ -7,6 +7,7 @@
 #include "CacheProbe.h"
 #include "Commands.h"
 #include "Console.h"
+#include "Failure.h"
 
 #include "compiler/StandardLibraryBootstrap.h"
 
@@ -48,8 +49,7 @@ int runPrune(const Invocation& invocation, Console& console) {
         std::uint64_t listedBytes = 0;
         for (const auto& path :
              compiler::StandardLibraryBootstrap::olderCacheVersions(root, version)) {
-            const auto bytes = diskUsage(path) + diskUsage(root.lexically_normal() /
-                                                           ".first-launch" / path.filename());
+            const auto bytes = versionBytes(root, path.filename().string());
             candidates.push_back({path, bytes});
             listedBytes += bytes;
         }
@@ -92,12 +92,13 @@ int runPrune(const Invocation& invocation, Console& console) {
                 versions.push_back({{"version", candidate.path.filename().string()},
                                     {"path", candidate.path.string()},
                                     {"bytes", candidate.bytes}});
+            // The same names as in `status`: "version" is the running
+            // compiler's, "olderVersions" what it would prune.
             out << jsonText(nlohmann::ordered_json{{"cacheRoot", root.string()},
-                                                   {"currentVersion", version},
+                                                   {"version", version},
                                                    {"dryRun", invocation.prune.dryRun},
-                                                   {"versions", std::move(versions)},
-                                                   {"count", candidates.size()},
-                                                   {"bytes", listedBytes},
+                                                   {"olderVersions", std::move(versions)},
+                                                   {"olderVersionsBytes", listedBytes},
                                                    {"removed", removed},
                                                    {"bytesFreed", freed}},
                             2)
@@ -118,7 +119,8 @@ int runPrune(const Invocation& invocation, Console& console) {
                                   : "prune ran to its end and removed " +
                                         plural(removed, "older version", "older versions"));
     } catch (const std::exception& failure) {
-        console.error(failure.what());
+        reportFailure(console, invocation.global.json, failureKind(failure.what()), failure.what(),
+                      ExitFailure);
         return ExitFailure;
     }
 }

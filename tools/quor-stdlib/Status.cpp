@@ -6,6 +6,7 @@
 #include "CacheProbe.h"
 #include "Commands.h"
 #include "Console.h"
+#include "Failure.h"
 
 #include "compiler/ObjectCache.h"
 #include "compiler/StandardLibraryBootstrap.h"
@@ -48,6 +49,8 @@ struct StatusReport {
     std::optional<std::size_t> wouldReuse;
     std::vector<UnreachableEntry> unreachable; // what the build's walk passes over
     std::vector<OlderVersion> olderVersions;
+    bool checkOnly = false;                // --check: units and older versions were not looked at
+    std::uint64_t currentVersionBytes = 0; // this version's cache and first-launch state
 };
 
 StatusReport gatherStatus(bool check) {
@@ -75,6 +78,11 @@ StatusReport gatherStatus(bool check) {
         report.marker.verdict = MarkerVerdict::Unreadable;
         report.marker.detail = report.refusal;
     }
+    // --check answers at the cost of the ready path: no walk of the library,
+    // no listing of the cache root. The rows that need them are left out.
+    report.checkOnly = check;
+    if (check)
+        return report;
     if (report.libraryFound) {
         try {
             const std::vector<std::string> units =
@@ -96,9 +104,12 @@ StatusReport gatherStatus(bool check) {
     } else {
         report.unitsError = "the standard library was not found";
     }
+
     for (const auto& path : compiler::StandardLibraryBootstrap::olderCacheVersions(
              report.paths.cacheRoot, std::string(compilerVersion())))
-        report.olderVersions.push_back({path, diskUsage(path)});
+        report.olderVersions.push_back(
+            {path, versionBytes(report.paths.cacheRoot, path.filename().string())});
+    report.currentVersionBytes = versionBytes(report.paths.cacheRoot, report.identity.version);
     return report;
 }
 
@@ -204,8 +215,9 @@ json statusJson(const StatusReport& report) {
                           ? json{{"compile", *report.wouldCompile}, {"reuse", *report.wouldReuse}}
                           : json(nullptr)},
         {"unreachable", unreachableJson(report)},
-        {"olderVersions", std::move(older)},
-        {"olderVersionsBytes", olderBytes},
+        {"versionBytes", report.checkOnly ? json(nullptr) : json(report.currentVersionBytes)},
+        {"olderVersions", report.checkOnly ? json(nullptr) : std::move(older)},
+        {"olderVersionsBytes", report.checkOnly ? json(nullptr) : json(olderBytes)},
     };
 }
 
@@ -246,14 +258,18 @@ void printStatus(const StatusReport& report, Console& console) {
         if (!report.buildRequired)
             row("") << "  ensure cannot build it: the standard library was not found\n";
     }
+    if (report.checkOnly) {
+        out.flush();
+        return;
+    }
     if (report.units)
         row("units to compile") << *report.units << '\n';
+    else
+        row("units to compile") << "unknown (" << visible(report.unitsError) << ")\n";
     if (report.wouldCompile)
         row("next build") << "compiles " << *report.wouldCompile << ", reuses "
                           << *report.wouldReuse << " sound "
                           << (*report.wouldReuse == 1 ? "object" : "objects") << '\n';
-    else
-        row("units to compile") << "unknown (" << visible(report.unitsError) << ")\n";
     if (!report.unreachable.empty()) {
         // The build skips these without a word; this is the only place to learn of them.
         constexpr std::size_t shown = 5;
@@ -266,6 +282,8 @@ void printStatus(const StatusReport& report, Console& console) {
         if (count > shown)
             row("") << "  and " << count - shown << " more (see --json)\n";
     }
+    row("size") << formatBytes(report.currentVersionBytes)
+                << " (this version's cache and first-launch state)\n";
     if (report.olderVersions.empty()) {
         row("older versions") << "none\n";
     } else {
@@ -296,7 +314,8 @@ int runStatus(const Invocation& invocation, Console& console) {
             invocation.status.check && !report.ready ? int(ExitFailure) : int(ExitSuccess);
         return console.finish(status, "the status report was cut short");
     } catch (const std::exception& failure) {
-        console.error(failure.what());
+        reportFailure(console, invocation.global.json, failureKind(failure.what()), failure.what(),
+                      ExitFailure);
         return ExitFailure;
     }
 }

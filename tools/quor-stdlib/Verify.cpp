@@ -8,6 +8,7 @@
 #include "CacheProbe.h"
 #include "Commands.h"
 #include "Console.h"
+#include "Failure.h"
 
 #include "compiler/Compiler.h"
 #include "compiler/ObjectCache.h"
@@ -129,7 +130,8 @@ int runVerify(const Invocation& invocation, Console& console) {
         return console.finish(sound ? int(ExitSuccess) : int(ExitFailure),
                               "the verification report was cut short");
     } catch (const std::exception& failure) {
-        console.error(failure.what());
+        reportFailure(console, invocation.global.json, failureKind(failure.what()), failure.what(),
+                      ExitFailure);
         return ExitFailure;
     }
 }

@@ -4,6 +4,7 @@
 
 #include "Commands.h"
 #include "Console.h"
+#include "JsonText.h"
 
 #include "compiler/Compiler.h"
 
@@ -57,9 +58,19 @@ void survivePipeClosing() {
     sigaction(SIGPIPE, &action, nullptr);
 }
 
+// Whether --json is among the arguments, for the answers given before (or
+// instead of) parsing them: a usage error and --version.
+bool jsonAsked = false;
+
 int usageError(const std::string& message) {
     std::cerr << "quor-stdlib: error: " << visible(message) << "\n"
               << "Run 'quor-stdlib help' to list the subcommands and options." << std::endl;
+    if (jsonAsked)
+        std::cout << jsonText(nlohmann::ordered_json{{"event", "error"},
+                                                     {"kind", "usage"},
+                                                     {"message", message},
+                                                     {"exitStatus", int(ExitUsage)}})
+                  << std::endl;
     return ExitUsage;
 }
 
@@ -118,6 +129,18 @@ int main(int argc, char** argv) {
     survivePipeClosing();
     Invocation invocation;
     std::string color = "auto";
+    bool versionAsked = false;
+    for (int i = 1; i < argc; ++i) {
+        jsonAsked = jsonAsked || std::string_view(argv[i]) == "--json";
+        versionAsked = versionAsked || std::string_view(argv[i]) == "--version";
+    }
+    if (jsonAsked && versionAsked) {
+        std::cout << jsonText(nlohmann::ordered_json{
+                         {"version", QUOR_COMPILER_VERSION},
+                         {"objectAbi", quor::compiler::Compiler::objectAbiVersion()}})
+                  << std::endl;
+        return ExitSuccess;
+    }
     std::string helpTopic;
 
     CLI::App app("Examines, prepares and prunes the precompiled Quor standard library.",
