@@ -18,15 +18,14 @@ namespace fs = std::filesystem;
 using compiler::CacheAccess;
 using compiler::CacheLayoutEntry;
 
-namespace {
-
-// The bootstrap names its build locks ".stdlib-bootstrap-<leaf>.lock".
 bool isBuildLockName(const std::string& name) {
     constexpr std::string_view prefix = ".stdlib-bootstrap-";
     constexpr std::string_view suffix = ".lock";
     return name.size() > prefix.size() + suffix.size() && name.starts_with(prefix) &&
            name.ends_with(suffix);
 }
+
+namespace {
 
 std::string octal(mode_t mode) {
     char text[8];
@@ -72,6 +71,11 @@ std::string readOnlyCacheCannotBeRebuilt(const CachePaths& paths) {
     return "Quor cache root '" + paths.cacheRoot.native() +
            "' belongs to root and is read-only for you; only root can rebuild it with "
            "'quor-stdlib ensure --force'";
+}
+
+std::string readOnlyCacheCannotBeCleaned(const CachePaths& paths) {
+    return "Quor cache root '" + paths.cacheRoot.native() +
+           "' belongs to root and is read-only for you; only root can clean it";
 }
 
 std::string readOnlyCacheCannotBePruned(const CachePaths& paths) {
@@ -166,12 +170,12 @@ std::optional<BusyVersion> VersionLocks::acquire(const fs::path& cacheRoot,
     return std::nullopt;
 }
 
-std::string busyVersionMessage(const BusyVersion& busy) {
-    return "Refusing to prune Quor cache '" + busy.version.native() + "': version " +
-           busy.version.filename().native() + " is being built by " +
+std::string busyVersionMessage(const BusyVersion& busy, std::string_view command) {
+    return "Refusing to " + std::string(command) + " Quor cache '" + busy.version.native() +
+           "': version " + busy.version.filename().native() + " is being built by " +
            (busy.holder ? describe(*busy.holder) : std::string("another process")) +
-           " (it holds '" + busy.lockFile.native() +
-           "'); run prune again when that build has finished";
+           " (it holds '" + busy.lockFile.native() + "'); run " + std::string(command) +
+           " again when that build has finished";
 }
 
 } // namespace quor::stdlibtool

@@ -35,6 +35,13 @@ compiler::CacheAccess guardCache(const CachePaths& paths, CacheUse use);
 std::string readOnlyCacheNotReady(const CachePaths& paths);
 
 // The message for pruning a read-only system-wide cache.
+// Whether `name` is a build lock file as the bootstrap names them:
+// ".stdlib-bootstrap-<leaf>.lock".
+bool isBuildLockName(const std::string& name);
+
+// The refusal of `clean` on a cache that belongs to root.
+std::string readOnlyCacheCannotBeCleaned(const CachePaths& paths);
+
 // The refusal of `ensure --force` on a cache that belongs to root.
 std::string readOnlyCacheCannotBeRebuilt(const CachePaths& paths);
 
@@ -77,7 +84,8 @@ private:
 };
 
 // "Refusing to prune ...: version V is being built by ...".
-std::string busyVersionMessage(const BusyVersion& busy);
+// `command` is the subcommand that refuses: "prune" or "clean".
+std::string busyVersionMessage(const BusyVersion& busy, std::string_view command = "prune");
 
 } // namespace quor::stdlibtool
 

@@ -15,12 +15,14 @@ namespace quor::stdlibtool {
 
 namespace {
 
-constexpr std::array<Command, 5> table = {{
+constexpr std::array<Command, 6> table = {{
     {"status", "Show the cache's identity, paths and readiness, and why it is not ready",
      runStatus},
     {"ensure", "Build the standard-library cache now unless it is up to date", runEnsure},
     {"verify", "Check every object the readiness marker vouches for against its unit", runVerify},
     {"prune", "Remove the caches that older compiler versions left behind", runPrune},
+    {"clean", "Remove this compiler version's cache, so that the next build starts afresh",
+     runClean},
     {"help", "List the subcommands, or explain one: help [SUBCOMMAND]", runHelp},
 }};
 

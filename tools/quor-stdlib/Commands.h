@@ -55,12 +55,17 @@ struct PruneOptions {
     bool dryRun = false; // --dry-run: list, remove nothing
 };
 
+struct CleanOptions {
+    bool dryRun = false; // --dry-run: say what would go, remove nothing
+};
+
 // Everything one run of the tool was asked to do.
 struct Invocation {
     GlobalOptions global;
     StatusOptions status;
     EnsureOptions ensure;
     PruneOptions prune;
+    CleanOptions clean;
     std::string helpText; // what `help` prints; the parser renders it
 };
 
@@ -89,6 +94,7 @@ int runStatus(const Invocation& invocation, Console& console);
 int runEnsure(const Invocation& invocation, Console& console);
 int runPrune(const Invocation& invocation, Console& console);
 int runVerify(const Invocation& invocation, Console& console);
+int runClean(const Invocation& invocation, Console& console);
 int runHelp(const Invocation& invocation, Console& console);
 
 // Sets the Runtime's library path, cache root and jobs from the invocation,

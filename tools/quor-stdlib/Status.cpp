@@ -19,6 +19,7 @@
 #include <exception>
 #include <iomanip>
 #include <optional>
+#include <set>
 
 namespace quor::stdlibtool {
 
@@ -49,8 +50,9 @@ struct StatusReport {
     std::optional<std::size_t> wouldReuse;
     std::vector<UnreachableEntry> unreachable; // what the build's walk passes over
     std::vector<OlderVersion> olderVersions;
-    bool checkOnly = false;                // --check: units and older versions were not looked at
-    std::uint64_t currentVersionBytes = 0; // this version's cache and first-launch state
+    std::vector<OlderVersion> newerVersions; // never pruned; shown for their space
+    bool checkOnly = false;                  // --check: units and older versions were not looked at
+    std::uint64_t currentVersionBytes = 0;   // this version's cache and first-launch state
 };
 
 StatusReport gatherStatus(bool check) {
@@ -110,6 +112,19 @@ StatusReport gatherStatus(bool check) {
         report.olderVersions.push_back(
             {path, versionBytes(report.paths.cacheRoot, path.filename().string())});
     report.currentVersionBytes = versionBytes(report.paths.cacheRoot, report.identity.version);
+    // Newer versions are never pruned; they are listed so that their space is
+    // not a mystery. The bootstrap's own listing decides what a version
+    // directory is: every version below one no release will reach, less the
+    // older ones and this one.
+    constexpr std::string_view beyondEveryRelease = "999999999999.0.0";
+    std::set<fs::path> olderOrCurrent;
+    for (const auto& version : report.olderVersions)
+        olderOrCurrent.insert(version.path);
+    for (const auto& path : compiler::StandardLibraryBootstrap::olderCacheVersions(
+             report.paths.cacheRoot, std::string(beyondEveryRelease)))
+        if (!olderOrCurrent.count(path) && path.filename() != report.identity.version)
+            report.newerVersions.push_back(
+                {path, versionBytes(report.paths.cacheRoot, path.filename().string())});
     return report;
 }
 
@@ -178,6 +193,15 @@ json reasonJson(const StatusReport& report) {
     return reason;
 }
 
+json versionsJson(const std::vector<OlderVersion>& versions) {
+    json list = json::array();
+    for (const auto& version : versions)
+        list.push_back({{"version", version.path.filename().string()},
+                        {"path", version.path.string()},
+                        {"bytes", version.bytes}});
+    return list;
+}
+
 json statusJson(const StatusReport& report) {
     json older = json::array();
     std::uint64_t olderBytes = 0;
@@ -218,6 +242,7 @@ json statusJson(const StatusReport& report) {
         {"versionBytes", report.checkOnly ? json(nullptr) : json(report.currentVersionBytes)},
         {"olderVersions", report.checkOnly ? json(nullptr) : std::move(older)},
         {"olderVersionsBytes", report.checkOnly ? json(nullptr) : json(olderBytes)},
+        {"newerVersions", report.checkOnly ? json(nullptr) : versionsJson(report.newerVersions)},
     };
 }
 
@@ -284,19 +309,27 @@ void printStatus(const StatusReport& report, Console& console) {
     }
     row("size") << formatBytes(report.currentVersionBytes)
                 << " (this version's cache and first-launch state)\n";
-    if (report.olderVersions.empty()) {
-        row("older versions") << "none\n";
-    } else {
+    // One row per version, the label on the first, then what to do about them.
+    const auto listVersions = [&](std::string_view label, const std::vector<OlderVersion>& versions,
+                                  std::string_view footer) {
         bool first = true;
-        for (const auto& version : report.olderVersions) {
-            row(first ? "older versions" : "")
+        for (const auto& version : versions) {
+            row(first ? label : "")
                 << std::setw(10) << visible(version.path.filename().string()) << ' ' << std::right
                 << std::setw(10) << formatBytes(version.bytes) << std::left << "  "
                 << visible(version.path.string()) << '\n';
             first = false;
         }
-        row("") << "remove them with `quor-stdlib prune`\n";
-    }
+        row("") << footer << '\n';
+    };
+    if (report.olderVersions.empty())
+        row("older versions") << "none\n";
+    else
+        listVersions("older versions", report.olderVersions,
+                     "remove them with `quor-stdlib prune`");
+    if (!report.newerVersions.empty())
+        listVersions("newer versions", report.newerVersions,
+                     "left alone: only their own compiler prunes or cleans them");
     out.flush();
 }
 

@@ -185,6 +185,8 @@ int main(int argc, char** argv) {
         "object and compile those that are not sound");
     subcommands["prune"]->add_flag("-n,--dry-run", invocation.prune.dryRun,
                                    "List what would be removed, remove nothing");
+    subcommands["clean"]->add_flag("-n,--dry-run", invocation.clean.dryRun,
+                                   "Say what would be removed, remove nothing");
     subcommands["help"]->add_option("subcommand", helpTopic, "The subcommand to explain");
     for (auto& [name, subcommand] : subcommands)
         subcommand->footer("The global options (--stdlib, --cache-root, --json, --quiet, --color) "
