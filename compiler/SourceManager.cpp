@@ -13,6 +13,7 @@
 #include <stdexcept>
 #include <sys/stat.h>
 #include <system_error>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -157,9 +158,10 @@ void SourceManager::clear() {
 void SourceManager::readAhead(const std::filesystem::path& root) {
     stopReadAhead();
     std::lock_guard lock(readAheadMutex_);
-    stopReadAhead_.store(false);
+    auto state = std::make_shared<ReadAheadState>();
+    state->running = true;
     try {
-        readAhead_ = std::thread([this, root] {
+        std::thread([this, root, state] {
             // The walk that follows reads from the first file on; this thread
             // reads from the last one back, so the two meet once, near the
             // middle, instead of one waiting on the other at every file.
@@ -169,7 +171,7 @@ void SourceManager::readAhead(const std::filesystem::path& root) {
             fs::recursive_directory_iterator entries(
                 root, fs::directory_options::skip_permission_denied, error);
             for (; !error && entries != fs::recursive_directory_iterator() &&
-                   !stopReadAhead_.load(std::memory_order_relaxed);
+                   !state->stop.load(std::memory_order_relaxed);
                  entries.increment(error)) {
                 std::error_code typeError;
                 const fs::file_status status = entries->symlink_status(typeError);
@@ -178,33 +180,43 @@ void SourceManager::readAhead(const std::filesystem::path& root) {
                 }
             }
             for (auto file = files.rbegin();
-                 file != files.rend() && !stopReadAhead_.load(std::memory_order_relaxed); ++file) {
+                 file != files.rend() && !state->stop.load(std::memory_order_relaxed); ++file) {
                 const std::string key = cacheKey(*file);
                 {
                     std::lock_guard guard(mutex_);
                     if (texts_.count(key) != 0 || reading_.count(key) != 0) {
-                        return; // the walk got here first: the rest is its own
+                        break; // the walk got here first: the rest is its own
                     }
                 }
                 try {
                     contents(*file);
                 } catch (...) {
-                    return; // stopped, or out of memory: the walk reads for itself
+                    break; // stopped, or out of memory: the walk reads for itself
                 }
             }
-        });
+            // From here on this thread touches only the shared state.
+            std::lock_guard guard(state->mutex);
+            state->running = false;
+            state->done.notify_all();
+        }).detach();
     } catch (const std::system_error&) {
         // No thread to be had (the process limit, memory): the requests read
         // each file themselves, as they would without a read-ahead.
+        return;
     }
+    readAhead_ = std::move(state);
 }
 
 void SourceManager::stopReadAhead() {
     std::lock_guard lock(readAheadMutex_);
-    if (readAhead_.joinable()) {
-        stopReadAhead_.store(true);
-        readAhead_.join();
+    if (!readAhead_) {
+        return;
     }
+    readAhead_->stop.store(true);
+    std::unique_lock wait(readAhead_->mutex);
+    readAhead_->done.wait(wait, [this] { return !readAhead_->running; });
+    wait.unlock();
+    readAhead_.reset();
 }
 
 SourceManager::~SourceManager() {

@@ -12,7 +12,6 @@
 #include <mutex>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -77,9 +76,18 @@ private:
     std::unordered_set<std::string> reading_;
     std::condition_variable readDone_;
 
-    std::mutex readAheadMutex_; // guards readAhead_
-    std::thread readAhead_;
-    std::atomic<bool> stopReadAhead_{false};
+    // The read-ahead runs on a detached thread, so that a process that ends
+    // without stopping it (a child that calls _exit, say) leaves no thread
+    // unjoined; its state is shared with that thread and outlives this object
+    // if need be. stopReadAhead() waits until the thread no longer uses it.
+    struct ReadAheadState {
+        std::mutex mutex;
+        std::condition_variable done;
+        bool running = false; // guarded by mutex
+        std::atomic<bool> stop{false};
+    };
+    std::mutex readAheadMutex_; // one readAhead() or stopReadAhead() at a time
+    std::shared_ptr<ReadAheadState> readAhead_;
 };
 
 } // namespace quor::compiler
