@@ -45,55 +45,8 @@ namespace fs = std::filesystem;
 // value is cleared by ensureObjectAbiCacheCurrent().
 constexpr int objectAbi = 2;
 
-// The file in the library cache that names the ABI its objects were written for.
-constexpr const char* abiRecordName = ".quor-object-abi";
-
 std::string systemMessage(int error) {
     return std::generic_category().message(error);
-}
-
-// The record is one short word; anything past this many bytes cannot be part of
-// a record this compiler wrote.
-constexpr std::size_t abiRecordReadLimit = 4096;
-
-// The first white-space-delimited word of the ABI record, or "" when there is
-// no record. Only a regular file reached without a symbolic link is a record:
-// a FIFO or a device put in its place must neither block nor be read without
-// end, and reads as no record, which makes the cache be cleared and recorded
-// anew.
-std::string readAbiRecord(const fs::path& path) {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
-    if (fd < 0) {
-        return {};
-    }
-    std::string text;
-    struct stat status {};
-    if (::fstat(fd, &status) == 0 && S_ISREG(status.st_mode)) {
-        char buffer[abiRecordReadLimit];
-        std::size_t used = 0;
-        while (used < sizeof buffer) {
-            const ssize_t count = ::read(fd, buffer + used, sizeof buffer - used);
-            if (count > 0) {
-                used += static_cast<std::size_t>(count);
-            } else if (count == 0 || errno != EINTR) {
-                break;
-            }
-        }
-        text.assign(buffer, used);
-    }
-    ::close(fd); // read-only descriptor: nothing to lose on a failing close
-    // White space as the C locale knows it, so that a record with a CR or a
-    // blank around the number still reads.
-    constexpr std::string_view space = " \t\n\v\f\r";
-    const std::size_t begin = text.find_first_not_of(space);
-    if (begin == std::string::npos) {
-        return {};
-    }
-    const std::size_t end = text.find_first_of(space, begin);
-    if (end == std::string::npos && text.size() == abiRecordReadLimit) {
-        return {}; // the word may go on past the limit: not a record of ours
-    }
-    return text.substr(begin, end == std::string::npos ? std::string::npos : end - begin);
 }
 
 // What a worker tells the calling thread: unit `index` is done, or failed with
@@ -298,7 +251,7 @@ void verifyLibraryCache() {
     if (verifyCacheRoot(root,
                         {{branch, Kind::Directory},
                          {lib, Kind::Directory},
-                         {lib / abiRecordName, Kind::DataFile},
+                         {lib / abiRecordFileName, Kind::DataFile},
                          {setAsideDirectory(), Kind::Directory}},
                         true) == CacheAccess::ReadOnly) {
         throw UntrustedCacheError("Quor cache root '" + root.native() +
@@ -438,7 +391,7 @@ void Compiler::ensureObjectAbiCacheCurrent() {
         prepared.path = lib;
         prepared.identity = identityOf(lib);
     }
-    const fs::path record = lib / abiRecordName;
+    const fs::path record = lib / abiRecordFileName;
     const std::string current = std::to_string(objectAbi);
     if (readAbiRecord(record) == current) {
         return; // the precompiler sweeps what else is there
@@ -447,7 +400,7 @@ void Compiler::ensureObjectAbiCacheCurrent() {
     // Everything in the library cache and the set-aside area was written by the
     // precompiler for the recorded ABI (or for none, when the record is
     // missing), so all of it goes.
-    clearDirectory(lib, abiRecordName);
+    clearDirectory(lib, abiRecordFileName);
     clearDirectory(setAsideDirectory(), "");
     if (int failure = writeFileAtomically(record, current + "\n"); failure != 0) {
         throw std::runtime_error("Unable to record Quor object ABI '" + record.native() +
@@ -490,16 +443,16 @@ void Compiler::precompileSources(
     const DirectoryIdentity identity = identityOf(lib);
     if (preparedHere &&
         (!(preparedIdentity == identity) ||
-         readAbiRecord(fs::path(lib) / abiRecordName) != std::to_string(objectAbi))) {
+         readAbiRecord(fs::path(lib) / abiRecordFileName) != std::to_string(objectAbi))) {
         throw libraryCacheReplaced(lib);
     }
-    const std::string recordAtStart = readAbiRecord(fs::path(lib) / abiRecordName);
+    const std::string recordAtStart = readAbiRecord(fs::path(lib) / abiRecordFileName);
 
     // The batch is the whole library: whatever in the cache belongs to none of
     // its units goes first, so that the cache ends up as a clean build of this
     // batch would leave it.
     PrecompileSummary summary;
-    summary.removed = sweepLibraryCache(lib, units, setAside, abiRecordName);
+    summary.removed = sweepLibraryCache(lib, units, setAside, abiRecordFileName);
     recordPrecompileSummary(summary);
 
     std::set<fs::path> directories;
@@ -577,7 +530,7 @@ void Compiler::precompileSources(
     }
     syncLibraryCache(lib);
     if (!(identityOf(lib) == identity) ||
-        readAbiRecord(fs::path(lib) / abiRecordName) != recordAtStart) {
+        readAbiRecord(fs::path(lib) / abiRecordFileName) != recordAtStart) {
         throw libraryCacheReplaced(lib);
     }
 }

@@ -243,6 +243,10 @@ BatchLayout layoutOf(const fs::path& lib, const std::vector<PlannedObject>& plan
     return layout;
 }
 
+// The record is one short word; anything past this many bytes cannot be part of
+// a record this compiler wrote.
+constexpr std::size_t abiRecordReadLimit = 4096;
+
 std::mutex summaryMutex;
 PrecompileSummary summary;
 
@@ -361,6 +365,41 @@ fs::path setAsidePath(const fs::path& setAside, std::string_view unitPath,
     return setAside / (Sha256::hex(key) + ".qo");
 }
 
+std::string readAbiRecord(const fs::path& path) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
+    if (fd < 0) {
+        return {};
+    }
+    std::string text;
+    struct stat status {};
+    if (::fstat(fd, &status) == 0 && S_ISREG(status.st_mode)) {
+        char buffer[abiRecordReadLimit];
+        std::size_t used = 0;
+        while (used < sizeof buffer) {
+            const ssize_t count = ::read(fd, buffer + used, sizeof buffer - used);
+            if (count > 0) {
+                used += static_cast<std::size_t>(count);
+            } else if (count == 0 || errno != EINTR) {
+                break;
+            }
+        }
+        text.assign(buffer, used);
+    }
+    ::close(fd); // read-only descriptor: nothing to lose on a failing close
+    // White space as the C locale knows it, so that a record with a CR or a
+    // blank around the number still reads.
+    constexpr std::string_view space = " \t\n\v\f\r";
+    const std::size_t begin = text.find_first_not_of(space);
+    if (begin == std::string::npos) {
+        return {};
+    }
+    const std::size_t end = text.find_first_of(space, begin);
+    if (end == std::string::npos && text.size() == abiRecordReadLimit) {
+        return {}; // the word may go on past the limit: not a record of ours
+    }
+    return text.substr(begin, end == std::string::npos ? std::string::npos : end - begin);
+}
+
 LibraryCacheReport inspectLibraryCache(const std::vector<std::string>& sources) {
     LibraryCacheReport report;
     const std::vector<PlannedObject> planned = planObjects(sources);
@@ -388,13 +427,7 @@ LibraryCacheReport inspectLibraryCache(const std::vector<std::string>& sources) 
         report.units.push_back(std::move(entry));
     }
 
-    const FileBytes record = readRegularFile(lib / ".quor-object-abi");
-    constexpr std::string_view space = " \t\n\v\f\r";
-    const std::size_t begin = record.bytes.find_first_not_of(space);
-    if (record.error == 0 && begin != std::string::npos) {
-        report.abiRecord =
-            record.bytes.substr(begin, record.bytes.find_first_of(space, begin) - begin);
-    }
+    report.abiRecord = readAbiRecord(lib / abiRecordFileName);
     report.abiRecordCurrent = report.abiRecord == std::to_string(Compiler::objectAbiVersion());
 
     std::error_code error;
@@ -414,7 +447,7 @@ LibraryCacheReport inspectLibraryCache(const std::vector<std::string>& sources) 
             continue;
         }
         if (layout.objects.count(path.native()) != 0 ||
-            (path.parent_path() == lib && path.filename() == ".quor-object-abi")) {
+            (path.parent_path() == lib && path.filename() == abiRecordFileName)) {
             continue;
         }
         report.orphans.push_back(path);

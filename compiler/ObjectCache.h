@@ -116,6 +116,16 @@ PrecompileSummary lastPrecompileSummary();
 // --force` calls it to make the bootstrap build.
 void withdrawReadinessMarker();
 
+// The file in the library cache that names the ABI its objects were written for.
+inline constexpr const char* abiRecordFileName = ".quor-object-abi";
+
+// The first white-space-delimited word of the ABI record at `path`, or "" when
+// there is no record. Only a regular file reached without a symbolic link is a
+// record, and only its first 4096 bytes are read: a FIFO or a device put in its
+// place neither blocks nor is read without end, and reads as no record. Never
+// throws for file trouble.
+std::string readAbiRecord(const std::filesystem::path& path);
+
 // ---- Used by the precompiler (compiler/Compiler.cpp) ----
 
 // Writes `data` to `path` through a temporary sibling, ".<name>.tmp.<pid>.<n>",
