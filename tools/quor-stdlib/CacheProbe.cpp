@@ -260,6 +260,10 @@ std::string readFingerprintFile(const fs::path& file) {
     return line;
 }
 
+fs::path installedFingerprintFile(const fs::path& library) {
+    return library / ".quor-stdlib-fingerprint";
+}
+
 fs::path buildTreeFingerprintFile() {
     return fs::path(QUOR_BUILD_TREE_DIR) / "generated" / "quor-stdlib.fingerprint";
 }
@@ -268,8 +272,8 @@ Identity currentIdentity() {
     Identity identity;
     identity.version = std::string(compilerVersion());
     identity.abiVersion = compiler::Compiler::objectAbiVersion();
-    const fs::path installed = fs::path(compiler::Runtime::getInstance().getStandardLibraryPath()) /
-                               ".quor-stdlib-fingerprint";
+    const fs::path installed =
+        installedFingerprintFile(compiler::Runtime::getInstance().getStandardLibraryPath());
     if (auto fingerprint = readFingerprintFile(installed); !fingerprint.empty()) {
         identity.fingerprint = std::move(fingerprint);
         identity.source = FingerprintSource::InstalledFile;
@@ -400,8 +404,8 @@ MarkerDiagnosis diagnoseMarker(const fs::path& marker, const Identity& identity)
     return diagnosis;
 }
 
-std::vector<std::string> compilableUnits(const fs::path& root,
-                                         std::vector<UnreachableEntry>* unreachable) {
+std::vector<std::string> libraryUnitFiles(const fs::path& root,
+                                          std::vector<UnreachableEntry>* unreachable) {
     std::vector<std::string> units;
     std::error_code error;
     fs::recursive_directory_iterator it(root, fs::directory_options::skip_permission_denied, error);
@@ -412,8 +416,7 @@ std::vector<std::string> compilableUnits(const fs::path& root,
         std::error_code entryError;
         const auto own = entry.symlink_status(entryError);
         const bool isUnit = entry.path().extension() == fs::path(".qr");
-        if (!entryError && own.type() == fs::file_type::regular && isUnit &&
-            !isExcludedByHeader(entry.path()))
+        if (!entryError && own.type() == fs::file_type::regular && isUnit)
             units.push_back(entry.path().lexically_normal().string());
         if (unreachable != nullptr) {
             // The walk skips both in silence; only `status` says so.
@@ -437,6 +440,13 @@ std::vector<std::string> compilableUnits(const fs::path& root,
         std::sort(
             unreachable->begin(), unreachable->end(),
             [](const UnreachableEntry& a, const UnreachableEntry& b) { return a.path < b.path; });
+    return units;
+}
+
+std::vector<std::string> compilableUnits(const fs::path& root,
+                                         std::vector<UnreachableEntry>* unreachable) {
+    std::vector<std::string> units = libraryUnitFiles(root, unreachable);
+    std::erase_if(units, [](const std::string& unit) { return isExcludedByHeader(unit); });
     return units;
 }
 

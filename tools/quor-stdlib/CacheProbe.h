@@ -59,6 +59,10 @@ struct CachePaths {
 // trouble.
 std::string readFingerprintFile(const std::filesystem::path& file);
 
+// The fingerprint file a library carries for itself, which the bootstrap
+// looks at first: <library>/.quor-stdlib-fingerprint.
+std::filesystem::path installedFingerprintFile(const std::filesystem::path& library);
+
 // The build tree whose generated fingerprint the bootstrap falls back to.
 std::filesystem::path buildTreeFingerprintFile();
 
@@ -104,6 +108,14 @@ struct UnreachableEntry {
     std::filesystem::path path;
     std::string reason; // the system's text: "File name too long", "Permission denied"
 };
+
+// Every unit file of the library, generic or not, sorted by path: regular
+// ".qr" files below `root`, symbolic links skipped, folders that may not be
+// read passed over. When `unreachable` is given, what the walk passes over is
+// added to it. Throws std::runtime_error with the bootstrap's enumeration
+// message when the walk fails.
+std::vector<std::string> libraryUnitFiles(const std::filesystem::path& root,
+                                          std::vector<UnreachableEntry>* unreachable = nullptr);
 
 // The units a build would hand to the precompiler, sorted as the bootstrap sorts
 // them: regular ".qr" files below `root` (symbolic links skipped) except those

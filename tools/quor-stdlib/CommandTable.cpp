@@ -15,7 +15,7 @@ namespace quor::stdlibtool {
 
 namespace {
 
-constexpr std::array<Command, 6> table = {{
+constexpr std::array<Command, 7> table = {{
     {"status", "Show the cache's identity, paths and readiness, and why it is not ready",
      runStatus},
     {"ensure", "Build the standard-library cache now unless it is up to date", runEnsure},
@@ -23,6 +23,8 @@ constexpr std::array<Command, 6> table = {{
     {"prune", "Remove the caches that older compiler versions left behind", runPrune},
     {"clean", "Remove this compiler version's cache, so that the next build starts afresh",
      runClean},
+    {"fingerprint", "Compute a library's fingerprint, and with --write record it beside its units",
+     runFingerprint},
     {"help", "List the subcommands, or explain one: help [SUBCOMMAND]", runHelp},
 }};
 

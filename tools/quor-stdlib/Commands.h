@@ -59,6 +59,11 @@ struct CleanOptions {
     bool dryRun = false; // --dry-run: say what would go, remove nothing
 };
 
+struct FingerprintOptions {
+    std::string directory; // the library to fingerprint; empty: the one in use
+    bool write = false;    // --write: record it in <directory>/.quor-stdlib-fingerprint
+};
+
 // Everything one run of the tool was asked to do.
 struct Invocation {
     GlobalOptions global;
@@ -66,6 +71,7 @@ struct Invocation {
     EnsureOptions ensure;
     PruneOptions prune;
     CleanOptions clean;
+    FingerprintOptions fingerprint;
     std::string helpText; // what `help` prints; the parser renders it
 };
 
@@ -95,6 +101,7 @@ int runEnsure(const Invocation& invocation, Console& console);
 int runPrune(const Invocation& invocation, Console& console);
 int runVerify(const Invocation& invocation, Console& console);
 int runClean(const Invocation& invocation, Console& console);
+int runFingerprint(const Invocation& invocation, Console& console);
 int runHelp(const Invocation& invocation, Console& console);
 
 // Sets the Runtime's library path, cache root and jobs from the invocation,

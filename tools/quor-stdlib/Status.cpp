@@ -7,6 +7,7 @@
 #include "Commands.h"
 #include "Console.h"
 #include "Failure.h"
+#include "LibraryFingerprint.h"
 
 #include "compiler/ObjectCache.h"
 #include "compiler/StandardLibraryBootstrap.h"
@@ -53,6 +54,10 @@ struct StatusReport {
     std::vector<OlderVersion> newerVersions; // never pruned; shown for their space
     bool checkOnly = false;                  // --check: units and older versions were not looked at
     std::uint64_t currentVersionBytes = 0;   // this version's cache and first-launch state
+    // The library's own fingerprint, computed from its units, and why the one
+    // in use does not match it ("" when it does, or when it was not computed).
+    std::optional<std::string> libraryFingerprint;
+    std::string fingerprintWarning;
 };
 
 StatusReport gatherStatus(bool check) {
@@ -86,6 +91,14 @@ StatusReport gatherStatus(bool check) {
     if (check)
         return report;
     if (report.libraryFound) {
+        try {
+            const LibraryFingerprint actual = computeLibraryFingerprint(report.paths.library);
+            report.libraryFingerprint = actual.value;
+            report.fingerprintWarning =
+                fingerprintMismatch(report.identity, actual, report.paths.library);
+        } catch (const std::exception&) {
+            // What keeps the library from being read is reported with the units.
+        }
         try {
             const std::vector<std::string> units =
                 compilableUnits(report.paths.library, &report.unreachable);
@@ -220,6 +233,10 @@ json statusJson(const StatusReport& report) {
         {"fingerprintFile", report.identity.fingerprintFile.empty()
                                 ? json(nullptr)
                                 : json(report.identity.fingerprintFile.string())},
+        {"libraryFingerprint",
+         report.libraryFingerprint ? json(*report.libraryFingerprint) : json(nullptr)},
+        {"fingerprintWarning",
+         report.fingerprintWarning.empty() ? json(nullptr) : json(report.fingerprintWarning)},
         {"paths",
          {{"library", paths.library.string()},
           {"cacheRoot", paths.cacheRoot.string()},
@@ -261,6 +278,9 @@ void printStatus(const StatusReport& report, Console& console) {
     if (!report.identity.fingerprintFile.empty())
         out << " file " << visible(report.identity.fingerprintFile.string());
     out << '\n';
+    if (!report.fingerprintWarning.empty())
+        row("") << console.paintOut("warning:", Color::Yellow) << ' '
+                << visible(report.fingerprintWarning) << '\n';
     // Paths, marker values and messages come from the disk and the
     // environment; a terminal must show them, never obey them.
     row("library") << visible(paths.library.string())

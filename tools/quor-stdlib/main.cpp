@@ -187,6 +187,13 @@ int main(int argc, char** argv) {
                                    "List what would be removed, remove nothing");
     subcommands["clean"]->add_flag("-n,--dry-run", invocation.clean.dryRun,
                                    "Say what would be removed, remove nothing");
+    subcommands["fingerprint"]
+        ->add_option("directory", invocation.fingerprint.directory,
+                     "The library root; by default the standard library in use")
+        ->type_name("DIR");
+    subcommands["fingerprint"]->add_flag(
+        "-w,--write", invocation.fingerprint.write,
+        "Record the fingerprint in DIR/.quor-stdlib-fingerprint, which the bootstrap reads first");
     subcommands["help"]->add_option("subcommand", helpTopic, "The subcommand to explain");
     for (auto& [name, subcommand] : subcommands)
         subcommand->footer("The global options (--stdlib, --cache-root, --json, --quiet, --color) "
