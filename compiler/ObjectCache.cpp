@@ -11,6 +11,7 @@
 #include "compiler/ObjectCache.h"
 #include "compiler/PathText.h"
 
+#include "compiler/CacheLayout.h"
 #include "compiler/Compiler.h"
 #include "compiler/Runtime.h"
 #include "compiler/Sha256.h"
@@ -202,9 +203,9 @@ std::string readHead(std::string_view bytes, ObjectHead& head) {
 // it at <cache root>/.first-launch/<version>/<library cache leaf>.
 fs::path readinessMarkerPath() {
     const Runtime& runtime = Runtime::getInstance();
-    return fs::path(runtime.getCacheBranchPath()).parent_path() / ".first-launch" /
+    return fs::path(runtime.getCacheBranchPath()).parent_path() / layout::firstLaunchDirectory /
            QUOR_COMPILER_VERSION / fs::path(runtime.getLibCachePath()).filename() /
-           ".quor-stdlib-ready";
+           layout::markerFileName;
 }
 
 // Moves the sound object at `object` (of the unit recorded as `unitField`,
@@ -266,7 +267,7 @@ std::vector<PlannedObject> planObjects(const std::vector<std::string>& sources) 
     for (const std::string& source : sources) {
         // The bootstrap names its units below the root in normal form; their
         // path below the root is then the rest of the text.
-        if (source.starts_with(prefix) && source.ends_with(".qr") &&
+        if (source.starts_with(prefix) && source.ends_with(layout::sourceExtension) &&
             source.size() > prefix.size() + 3 && isAbsoluteAndNormal(source)) {
             const std::string_view relative = std::string_view(source).substr(prefix.size());
             fs::path object = lib / relative;
@@ -284,7 +285,7 @@ std::vector<PlannedObject> planObjects(const std::vector<std::string>& sources) 
             throw std::runtime_error(source + ":1:1: the unit lies outside the standard library '" +
                                      root.native() + "'");
         }
-        if (relative.extension() != ".qr") {
+        if (relative.extension() != layout::sourceExtension) {
             throw std::runtime_error(source +
                                      ":1:1: not a Quor source unit (its name must end in .qr)");
         }

@@ -5,6 +5,7 @@
 
 #include "compiler/SourceManager.h"
 
+#include "compiler/CacheLayout.h"
 #include "compiler/PathText.h"
 
 #include <cerrno>
@@ -175,7 +176,8 @@ void SourceManager::readAhead(const std::filesystem::path& root) {
                  entries.increment(error)) {
                 std::error_code typeError;
                 const fs::file_status status = entries->symlink_status(typeError);
-                if (fs::is_regular_file(status) && entries->path().extension() == ".qr") {
+                if (fs::is_regular_file(status) &&
+                    entries->path().extension() == layout::sourceExtension) {
                     files.push_back(entries->path());
                 }
             }

@@ -496,7 +496,7 @@ bool isExcludedByHeader(const fs::path& file) {
         rest.remove_prefix(newline == std::string_view::npos ? rest.size() : newline + 1);
         source::TypeHeader header;
         if (source::parseTypeHeader(line, header) && header.typeName == stem) {
-            return !header.text3.empty();
+            return source::isGeneric(header);
         }
     }
     return false;

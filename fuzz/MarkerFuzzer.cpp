@@ -7,11 +7,13 @@
 // names an identity for the writer: markReady must write exactly the format's
 // bytes, leave no temporary file, and certify what it wrote whenever the
 // identity can be certified at all. trim and markerValue are checked against
-// their own rules on every line.
+// their own rules on every line. The tool's marker diagnosis (CacheProbe) must
+// agree with the unit's verdict on every input.
 
 #include "compiler/StandardLibraryCacheState.h"
 #include "fuzz/FuzzCheck.h"
 #include "fuzz/UnitAccess.h"
+#include "tools/quor-stdlib/CacheProbe.h"
 
 #include <array>
 #include <charconv>
@@ -203,6 +205,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         const StandardLibraryCacheState state(readerDirectory, identity.version, identity.abi,
                                               identity.fingerprint);
         QUOR_FUZZ_CHECK(state.isReady() == modelCertifies(bytes, identity));
+        // The tool's explanation must reach the unit's verdict on every input:
+        // `status` reports "valid" exactly when the unit accepts the marker.
+        quor::stdlibtool::Identity probed;
+        probed.version = identity.version;
+        probed.abiVersion = identity.abi;
+        probed.fingerprint = identity.fingerprint;
+        const auto diagnosis =
+            quor::stdlibtool::diagnoseMarker(readerDirectory / ".quor-stdlib-ready", probed);
+        QUOR_FUZZ_CHECK((diagnosis.verdict == quor::stdlibtool::MarkerVerdict::Valid) ==
+                        state.isReady());
     }
 
     // The writer.

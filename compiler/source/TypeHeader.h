@@ -38,6 +38,14 @@ struct TypeHeader {
 // any other line, well-formed or not; never throws for bad input.
 bool parseTypeHeader(std::string_view text, TypeHeader& header);
 
+// True when the header declares a generic type, one with type parameters. Such
+// a type is compiled where it is instantiated, so the standard library's
+// precompilation leaves its unit out. Inline, so that a program linking the
+// bootstrap against services of its own needs no definition from ours.
+inline bool isGeneric(const TypeHeader& header) {
+    return !header.text3.empty();
+}
+
 } // namespace quor::compiler::source
 
 #endif

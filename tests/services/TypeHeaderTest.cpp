@@ -100,4 +100,19 @@ TEST(TypeHeaderTest, WhereInsideAWordIsNotAConstraint) {
     EXPECT_TRUE(header.text5.empty());
 }
 
+TEST(TypeHeaderTest, IsGenericExactlyWhenTheHeaderHasTypeParameters) {
+    for (const char* line : {"public class List<T> {", "struct Pair<K, V> {",
+                             "interface Map<K, V> : Sized where K : Hashable {"}) {
+        TypeHeader header;
+        ASSERT_TRUE(parseTypeHeader(line, header)) << line;
+        EXPECT_TRUE(isGeneric(header)) << line;
+    }
+    for (const char* line :
+         {"public class Text : Object {", "enum Ordering {", "class Box : Container<Int> {"}) {
+        TypeHeader header;
+        ASSERT_TRUE(parseTypeHeader(line, header)) << line;
+        EXPECT_FALSE(isGeneric(header)) << line;
+    }
+}
+
 } // namespace

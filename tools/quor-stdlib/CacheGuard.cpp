@@ -4,6 +4,9 @@
 
 #include "CacheGuard.h"
 
+#include "compiler/CacheLayout.h"
+#include "compiler/ObjectCache.h"
+
 #include <cerrno>
 #include <climits>
 #include <fcntl.h>
@@ -19,8 +22,8 @@ using compiler::CacheAccess;
 using compiler::CacheLayoutEntry;
 
 bool isBuildLockName(const std::string& name) {
-    constexpr std::string_view prefix = ".stdlib-bootstrap-";
-    constexpr std::string_view suffix = ".lock";
+    constexpr std::string_view prefix = compiler::layout::lockFilePrefix;
+    constexpr std::string_view suffix = compiler::layout::lockFileSuffix;
     return name.size() > prefix.size() + suffix.size() && name.starts_with(prefix) &&
            name.ends_with(suffix);
 }
@@ -44,7 +47,7 @@ CacheAccess guardCache(const CachePaths& paths, CacheUse use) {
     } else {
         layout = {{paths.cacheBranch, Kind::Directory},
                   {paths.libraryCache, Kind::Directory},
-                  {paths.libraryCache / ".quor-object-abi", Kind::DataFile},
+                  {paths.libraryCache / compiler::abiRecordFileName, Kind::DataFile},
                   {paths.firstLaunch, Kind::Directory},
                   {paths.versionState, Kind::Directory},
                   {paths.stateDirectory, Kind::Directory},
@@ -135,7 +138,8 @@ void VersionLocks::release() {
 
 std::optional<BusyVersion> VersionLocks::acquire(const fs::path& cacheRoot,
                                                  const std::vector<fs::path>& versions) {
-    const fs::path firstLaunch = cacheRoot.lexically_normal() / ".first-launch";
+    const fs::path firstLaunch =
+        cacheRoot.lexically_normal() / compiler::layout::firstLaunchDirectory;
     for (const fs::path& version : versions) {
         const fs::path state = firstLaunch / version.filename();
         std::error_code error;

@@ -3,6 +3,7 @@
 
 #include "CacheProbe.h"
 
+#include "compiler/CacheLayout.h"
 #include "compiler/Compiler.h"
 #include "compiler/Runtime.h"
 #include "compiler/SourceManager.h"
@@ -27,17 +28,15 @@
 namespace quor::stdlibtool {
 
 namespace fs = std::filesystem;
+namespace layout = compiler::layout;
 
 namespace {
 
-constexpr std::string_view markerHeader = "QUOR_STANDARD_LIBRARY_CACHE";
-
 std::string trim(std::string text) {
-    const char* space = " \t\r\n";
-    const auto first = text.find_first_not_of(space);
+    const auto first = text.find_first_not_of(layout::lineWhiteSpace);
     if (first == std::string::npos)
         return {};
-    const auto last = text.find_last_not_of(space);
+    const auto last = text.find_last_not_of(layout::lineWhiteSpace);
     return text.substr(first, last - first + 1);
 }
 
@@ -61,7 +60,7 @@ bool isHexDigit(char c) {
 // is when it is not a regular file, and why a read failed.
 class LineFile {
 public:
-    static constexpr std::size_t maxLineLength = 64 * 1024;
+    static constexpr std::size_t maxLineLength = layout::maxLineLength;
 
     enum class Read {
         Line,    // `line` holds the next line
@@ -212,7 +211,7 @@ bool isExcludedByHeader(const fs::path& file) {
         const std::string_view line = rest.substr(0, end);
         compiler::source::TypeHeader header;
         if (compiler::source::parseTypeHeader(line, header) && header.typeName == stem)
-            return !header.text3.empty();
+            return compiler::source::isGeneric(header);
         if (end == std::string_view::npos)
             return false;
         rest.remove_prefix(end + 1);
@@ -253,7 +252,8 @@ std::string readFingerprintFile(const fs::path& file) {
     if (reader.readLine(line) != LineFile::Read::Line)
         return {};
     line = trim(std::move(line));
-    if (line.size() != 64 || !std::all_of(line.begin(), line.end(), isHexDigit))
+    if (line.size() != layout::fingerprintLength ||
+        !std::all_of(line.begin(), line.end(), isHexDigit))
         return {};
     for (char& c : line)
         c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
@@ -261,11 +261,12 @@ std::string readFingerprintFile(const fs::path& file) {
 }
 
 fs::path installedFingerprintFile(const fs::path& library) {
-    return library / ".quor-stdlib-fingerprint";
+    return library / layout::installedFingerprintFile;
 }
 
 fs::path buildTreeFingerprintFile() {
-    return fs::path(QUOR_BUILD_TREE_DIR) / "generated" / "quor-stdlib.fingerprint";
+    return fs::path(QUOR_BUILD_TREE_DIR) / layout::generatedDirectory /
+           layout::buildTreeFingerprintFile;
 }
 
 Identity currentIdentity() {
@@ -299,13 +300,13 @@ CachePaths currentPaths() {
     paths.libraryCache = runtime.getLibCachePath();
     paths.cacheRoot = paths.cacheBranch.parent_path();
     const std::string leaf = paths.libraryCache.filename().string();
-    paths.firstLaunch = paths.cacheRoot / ".first-launch";
+    paths.firstLaunch = paths.cacheRoot / layout::firstLaunchDirectory;
     paths.versionState = paths.firstLaunch / std::string(compilerVersion());
     const fs::path& versionState = paths.versionState;
     paths.stateDirectory = versionState / leaf;
-    paths.marker = paths.stateDirectory / ".quor-stdlib-ready";
-    paths.lockFile =
-        versionState / (".stdlib-bootstrap-" + paths.stateDirectory.filename().string() + ".lock");
+    paths.marker = paths.stateDirectory / layout::markerFileName;
+    paths.lockFile = versionState / (std::string(layout::lockFilePrefix) + leaf +
+                                     std::string(layout::lockFileSuffix));
     return paths;
 }
 
@@ -360,9 +361,9 @@ MarkerDiagnosis diagnoseMarker(const fs::path& marker, const Identity& identity)
         }
         return diagnosis;
     }
-    std::string lines[5];
-    int count = 0;
-    while (count < 5) {
+    std::string lines[layout::markerLineCount];
+    std::size_t count = 0;
+    while (count < layout::markerLineCount) {
         const LineFile::Read read = reader.readLine(lines[count]);
         if (read == LineFile::Read::TooLong) {
             diagnosis.verdict = MarkerVerdict::Malformed;
@@ -380,18 +381,19 @@ MarkerDiagnosis diagnoseMarker(const fs::path& marker, const Identity& identity)
         diagnosis.detail = "the marker cannot be read";
         return diagnosis;
     }
-    if (count < 5) {
+    if (count < layout::markerLineCount) {
         diagnosis.verdict = MarkerVerdict::Malformed;
-        diagnosis.detail = "the marker has " + std::to_string(count) + " of its 5 lines";
+        diagnosis.detail = "the marker has " + std::to_string(count) + " of its " +
+                           std::to_string(layout::markerLineCount) + " lines";
         return diagnosis;
     }
-    if (lines[0] != markerHeader) {
+    if (lines[0] != layout::markerHeader) {
         diagnosis.verdict = MarkerVerdict::Malformed;
-        diagnosis.detail = "the marker's first line is not " + std::string(markerHeader);
+        diagnosis.detail = "the marker's first line is not " + std::string(layout::markerHeader);
         return diagnosis;
     }
     const MarkerField expected[] = {
-        {"format", "1", markerValue(lines[1], "format")},
+        {"format", std::to_string(layout::markerFormat), markerValue(lines[1], "format")},
         {"version", identity.version, markerValue(lines[2], "version")},
         {"abi", std::to_string(identity.abiVersion), markerValue(lines[3], "abi")},
         {"fingerprint", identity.fingerprint, markerValue(lines[4], "fingerprint")},
@@ -415,7 +417,7 @@ std::vector<std::string> libraryUnitFiles(const fs::path& root,
         const fs::directory_entry& entry = *it;
         std::error_code entryError;
         const auto own = entry.symlink_status(entryError);
-        const bool isUnit = entry.path().extension() == fs::path(".qr");
+        const bool isUnit = entry.path().extension() == layout::sourceExtension;
         if (!entryError && own.type() == fs::file_type::regular && isUnit)
             units.push_back(entry.path().lexically_normal().string());
         if (unreachable != nullptr) {
@@ -473,7 +475,7 @@ namespace quor::stdlibtool {
 
 std::uint64_t versionBytes(const fs::path& cacheRoot, const std::string& version) {
     const fs::path root = cacheRoot.lexically_normal();
-    return diskUsage(root / version) + diskUsage(root / ".first-launch" / version);
+    return diskUsage(root / version) + diskUsage(root / layout::firstLaunchDirectory / version);
 }
 
 } // namespace quor::stdlibtool

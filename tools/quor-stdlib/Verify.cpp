@@ -38,7 +38,7 @@ std::vector<Problem> problemsOf(const compiler::LibraryCacheReport& report,
                                 const fs::path& libraryCache) {
     std::vector<Problem> problems;
     if (!report.abiRecordCurrent)
-        problems.push_back({"abi-record", libraryCache / ".quor-object-abi", "",
+        problems.push_back({"abi-record", libraryCache / compiler::abiRecordFileName, "",
                             report.abiRecord.empty()
                                 ? "no object ABI record"
                                 : "records object ABI " + report.abiRecord + ", not " +
