@@ -315,7 +315,7 @@ file(RENAME "${COMPLETION}.tmp" "${COMPLETION}")
 
 # --- The zsh completion ------------------------------------------------------
 
-# An option's description inside a single-quoted _arguments spec: a quote
+# An option's description inside a single-quoted _arguments word: a quote
 # would end the word, and a bracket the description.
 function(_zsh_text out text)
   _restore(text "${text}")
@@ -325,10 +325,10 @@ function(_zsh_text out text)
   set(${out} "${text}" PARENT_SCOPE)
 endfunction()
 
-# The _arguments specs of the options of one help text, as a list, in
+# The _arguments words of the options of one help text, as a list, in
 # <prefix>_ZSH.
-function(_zsh_specs prefix)
-  set(_specs "")
+function(_zsh_options prefix)
+  set(_zsh_words "")
   list(LENGTH ${prefix}_Options_TERMS _n)
   if(_n GREATER 0)
     math(EXPR _n "${_n} - 1")
@@ -361,14 +361,14 @@ function(_zsh_specs prefix)
       else()
         set(_action ":${_value}: ")
       endif()
-      set(_spec "${_head}[${_text}]${_action}'")
-      string(REPLACE ";" "${_semicolon}" _spec "${_spec}")
-      string(REPLACE "[" "${_open}" _spec "${_spec}")
-      string(REPLACE "]" "${_close}" _spec "${_spec}")
-      list(APPEND _specs "${_spec}")
+      set(_zsh_word "${_head}[${_text}]${_action}'")
+      string(REPLACE ";" "${_semicolon}" _zsh_word "${_zsh_word}")
+      string(REPLACE "[" "${_open}" _zsh_word "${_zsh_word}")
+      string(REPLACE "]" "${_close}" _zsh_word "${_zsh_word}")
+      list(APPEND _zsh_words "${_zsh_word}")
     endforeach()
   endif()
-  set(${prefix}_ZSH "${_specs}" PARENT_SCOPE)
+  set(${prefix}_ZSH "${_zsh_words}" PARENT_SCOPE)
 endfunction()
 
 # The words of `list` one a line, each indented by `indent`, every line but
@@ -379,12 +379,12 @@ function(_zsh_lines out indent)
   set(${out} "${indent}${_text}\n" PARENT_SCOPE)
 endfunction()
 
-_zsh_specs(MAIN)
+_zsh_options(MAIN)
 _zsh_lines(_zsh_global "        " ${MAIN_ZSH})
 set(_zsh_subcommands "")
 set(_zsh_cases "")
 foreach(_name IN LISTS SUBCOMMANDS)
-  _zsh_specs(SUB_${_name})
+  _zsh_options(SUB_${_name})
   # _describe takes "name:description", and reads the description as it is.
   _restore(_summary "${SUB_${_name}_SUMMARY}")
   string(REPLACE "'" "'\\''" _summary "${_summary}")
@@ -394,14 +394,14 @@ foreach(_name IN LISTS SUBCOMMANDS)
   if(_own AND MAIN_ZSH)
     list(REMOVE_ITEM _own ${MAIN_ZSH})
   endif()
-  set(_specs "\$global" ${_own})
+  set(_zsh_words "\$global" ${_own})
   # A positional named "subcommand" (as `help` has) is one of the subcommands.
   foreach(_positional IN LISTS SUB_${_name}_Positionals_TERMS)
     if(_positional MATCHES "^subcommand( |$)")
-      list(APPEND _specs "'1:subcommand:(${_subcommand_words})'")
+      list(APPEND _zsh_words "'1:subcommand:(${_subcommand_words})'")
     endif()
   endforeach()
-  _zsh_lines(_body "                " ${_specs})
+  _zsh_lines(_body "                " ${_zsh_words})
   string(APPEND _zsh_cases
     "        ${_name})\n"
     "            _arguments -s \\\n"
