@@ -159,9 +159,9 @@ void ProgressView::report(const compiler::StandardLibraryBootstrapProgress& prog
             compileStarted_ = Clock::now();
             lineOpen_ = false; // the scan is over: its line gives way at once
         }
-        // Said only now: the lock and the scan can still find that nothing is
-        // to be built (another process built it, or the library is missing or
-        // has no unit to compile), and a ready cache gets no report at all.
+        // Said only now: after Preparing, the walk of the library can still
+        // find it missing or with no unit to compile, and nothing is built.
+        // (A cache found ready, before or under the lock, gets no report.)
         if (style_ == ProgressStyle::Plain && !announcedBuild_) {
             console_.note("building the standard library");
             announcedBuild_ = true;
