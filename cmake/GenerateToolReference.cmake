@@ -1,11 +1,11 @@
-# Writes the manual page and the bash completion of quor-stdlib from the help
-# that the built tool prints, so that neither is written a second time: the
+# Writes the manual page and the bash and zsh completions of quor-stdlib from
+# the help that the built tool prints, so that none is written a second time: the
 # subcommands come from the tool's command table, their options from its
 # parser, the exit statuses and the environment from the same texts as --help.
 #
 #   cmake -DTOOL=<quor-stdlib> -DVERSION=<version> -DDOCDIR=<installed docs>
 #         -DMANPAGE=<quor-stdlib.1> -DCOMPLETION=<bash file>
-#         -P GenerateToolReference.cmake
+#         -DZSH_COMPLETION=<zsh file> -P GenerateToolReference.cmake
 #
 # The help is read as sections: a line that starts in the first column and
 # ends with a colon opens one ("Options:", "Exit status:"); inside a section an
@@ -15,7 +15,7 @@
 
 cmake_minimum_required(VERSION 3.25)
 
-foreach(_required TOOL VERSION DOCDIR MANPAGE COMPLETION)
+foreach(_required TOOL VERSION DOCDIR MANPAGE COMPLETION ZSH_COMPLETION)
   if(NOT DEFINED ${_required} OR "${${_required}}" STREQUAL "")
     message(FATAL_ERROR "GenerateToolReference: ${_required} is not set")
   endif()
@@ -312,3 +312,134 @@ string(APPEND script
   "complete -F _quor_stdlib quor-stdlib\n")
 file(WRITE "${COMPLETION}.tmp" "${script}")
 file(RENAME "${COMPLETION}.tmp" "${COMPLETION}")
+
+# --- The zsh completion ------------------------------------------------------
+
+# An option's description inside a single-quoted _arguments word: a quote
+# would end the word, and a bracket the description.
+function(_zsh_text out text)
+  _restore(text "${text}")
+  string(REPLACE "'" "'\\''" text "${text}")
+  string(REPLACE "[" "\\[" text "${text}")
+  string(REPLACE "]" "\\]" text "${text}")
+  set(${out} "${text}" PARENT_SCOPE)
+endfunction()
+
+# The _arguments words of the options of one help text, as a list, in
+# <prefix>_ZSH.
+function(_zsh_options prefix)
+  set(_zsh_words "")
+  list(LENGTH ${prefix}_Options_TERMS _n)
+  if(_n GREATER 0)
+    math(EXPR _n "${_n} - 1")
+    foreach(_i RANGE ${_n})
+      list(GET ${prefix}_Options_TERMS ${_i} _term)
+      list(GET ${prefix}_Options_TEXTS ${_i} _text)
+      _restore(_term "${_term}")
+      set(_value "")
+      if(_term MATCHES "^([^ ]+) (.+)$")
+        set(_term "${CMAKE_MATCH_1}")
+        set(_value "${CMAKE_MATCH_2}")
+      endif()
+      _zsh_text(_text "${_text}")
+      string(REPLACE "," ";" _names "${_term}")
+      list(LENGTH _names _count)
+      if(_count GREATER 1)
+        list(JOIN _names " " _exclusive)
+        list(JOIN _names "," _alternatives)
+        set(_head "'(${_exclusive})'{${_alternatives}}'")
+      else()
+        set(_head "'${_term}")
+      endif()
+      if(_value STREQUAL "")
+        set(_action "")
+      elseif(_value MATCHES "^([^:{]*):?{([^}]*)}")
+        string(REPLACE "," " " _choices "${CMAKE_MATCH_2}")
+        set(_action ":${CMAKE_MATCH_1}:(${_choices})")
+      elseif(_value STREQUAL "DIR")
+        set(_action ":${_value}:_files -/")
+      else()
+        set(_action ":${_value}: ")
+      endif()
+      set(_zsh_word "${_head}[${_text}]${_action}'")
+      string(REPLACE ";" "${_semicolon}" _zsh_word "${_zsh_word}")
+      string(REPLACE "[" "${_open}" _zsh_word "${_zsh_word}")
+      string(REPLACE "]" "${_close}" _zsh_word "${_zsh_word}")
+      list(APPEND _zsh_words "${_zsh_word}")
+    endforeach()
+  endif()
+  set(${prefix}_ZSH "${_zsh_words}" PARENT_SCOPE)
+endfunction()
+
+# The words of `list` one a line, each indented by `indent`, every line but
+# the last continued with a backslash.
+function(_zsh_lines out indent)
+  list(JOIN ARGN " \\\n${indent}" _text)
+  _restore(_text "${_text}")
+  set(${out} "${indent}${_text}\n" PARENT_SCOPE)
+endfunction()
+
+_zsh_options(MAIN)
+_zsh_lines(_zsh_global "        " ${MAIN_ZSH})
+set(_zsh_subcommands "")
+set(_zsh_cases "")
+foreach(_name IN LISTS SUBCOMMANDS)
+  _zsh_options(SUB_${_name})
+  # _describe takes "name:description", and reads the description as it is.
+  _restore(_summary "${SUB_${_name}_SUMMARY}")
+  string(REPLACE "'" "'\\''" _summary "${_summary}")
+  string(APPEND _zsh_subcommands "        '${_name}:${_summary}'\n")
+  # The subcommand's own -h/--help is the global one; _arguments takes each once.
+  set(_own ${SUB_${_name}_ZSH})
+  if(_own AND MAIN_ZSH)
+    list(REMOVE_ITEM _own ${MAIN_ZSH})
+  endif()
+  set(_zsh_words "\$global" ${_own})
+  # A positional named "subcommand" (as `help` has) is one of the subcommands.
+  foreach(_positional IN LISTS SUB_${_name}_Positionals_TERMS)
+    if(_positional MATCHES "^subcommand( |$)")
+      list(APPEND _zsh_words "'1:subcommand:(${_subcommand_words})'")
+    endif()
+  endforeach()
+  _zsh_lines(_body "                " ${_zsh_words})
+  string(APPEND _zsh_cases
+    "        ${_name})\n"
+    "            _arguments -s \\\n"
+    "${_body}"
+    "            ;;\n")
+endforeach()
+
+set(script "")
+string(APPEND script
+  "#compdef quor-stdlib\n"
+  "# zsh completion for quor-stdlib ${VERSION}.\n"
+  "# Generated from the help of quor-stdlib by cmake/GenerateToolReference.cmake.\n"
+  "\n"
+  "_quor_stdlib() {\n"
+  "    # The global options are accepted before and after the subcommand.\n"
+  "    local -a global subcommands\n"
+  "    global=(\n"
+  "${_zsh_global}"
+  "    )\n"
+  "    subcommands=(\n"
+  "${_zsh_subcommands}"
+  "    )\n"
+  "    local curcontext=\$curcontext state line\n"
+  "    typeset -A opt_args\n"
+  "    _arguments -C -s \$global '1:subcommand:->subcommand' '*::argument:->argument' && return\n"
+  "    case \$state in\n"
+  "    subcommand)\n"
+  "        _describe -t subcommands 'quor-stdlib subcommand' subcommands\n"
+  "        ;;\n"
+  "    argument)\n"
+  "        curcontext=\${curcontext%:*:*}:quor-stdlib-\$line[1]:\n"
+  "        case \$line[1] in\n"
+  "${_zsh_cases}"
+  "        esac\n"
+  "        ;;\n"
+  "    esac\n"
+  "}\n"
+  "\n"
+  "_quor_stdlib \"\$@\"\n")
+file(WRITE "${ZSH_COMPLETION}.tmp" "${script}")
+file(RENAME "${ZSH_COMPLETION}.tmp" "${ZSH_COMPLETION}")

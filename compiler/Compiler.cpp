@@ -49,13 +49,24 @@ std::string systemMessage(int error) {
     return std::generic_category().message(error);
 }
 
-// What a worker tells the calling thread: unit `index` is done, or failed with
-// `failure`.
+// What a worker tells the calling thread: unit `index` is done, after
+// `seconds` of the worker's time, or failed with `failure`.
 struct Event {
     std::size_t index = 0;
     bool failed = false;
     std::string failure;
+    double seconds = 0;
 };
+
+using WorkClock = std::chrono::steady_clock;
+
+double secondsSince(WorkClock::time_point start) {
+    return std::chrono::duration<double>(WorkClock::now() - start).count();
+}
+
+// The time of the unit whose progress report is being made; read through
+// reportedUnitSeconds() from the progress function, on the calling thread.
+thread_local double reportedSeconds = 0;
 
 // Finished units are handed to the calling thread in batches: a worker queues
 // each one under the mutex, which costs nothing while nobody else holds it,
@@ -109,7 +120,12 @@ struct Batch {
             return false;
         }
         const std::size_t last = std::min(first + chunk, units.size());
-        std::vector<std::pair<std::size_t, std::string>> compiledObjects;
+        struct CompiledObject {
+            std::size_t index;
+            std::string object;
+            double seconds; // judging and compiling; the write is added
+        };
+        std::vector<CompiledObject> compiledObjects;
         std::optional<Event> failure;
         const auto fail = [&](std::size_t index, std::string message) {
             if (!failure) {
@@ -119,13 +135,15 @@ struct Batch {
         };
         for (std::size_t index = first; index < last && !stop.load(); ++index) {
             try {
+                const auto started = WorkClock::now();
                 ObjectUpdate update = updateObject(units[index], setAside, objectAbi);
                 objectBytes.fetch_add(update.bytes);
                 if (update.outcome == ObjectOutcome::Compiled) {
-                    compiledObjects.emplace_back(index, std::move(update.object));
+                    compiledObjects.push_back(
+                        {index, std::move(update.object), secondsSince(started)});
                 } else {
                     reused.fetch_add(1);
-                    done.push_back(Event{index, false, {}});
+                    done.push_back(Event{index, false, {}, secondsSince(started)});
                 }
             } catch (const std::exception& error) {
                 fail(index, error.what());
@@ -135,11 +153,12 @@ struct Batch {
         }
         if (!compiledObjects.empty()) {
             std::lock_guard lock(writing);
-            for (const auto& [index, object] : compiledObjects) {
+            for (const auto& [index, object, seconds] : compiledObjects) {
                 try {
+                    const auto started = WorkClock::now();
                     writeObject(units[index], object);
                     compiled.fetch_add(1);
-                    done.push_back(Event{index, false, {}});
+                    done.push_back(Event{index, false, {}, seconds + secondsSince(started)});
                 } catch (const std::exception& error) {
                     fail(index, error.what());
                     break;
@@ -363,6 +382,10 @@ void clearDirectory(const fs::path& directory, const std::string& keep) {
 
 } // namespace
 
+double reportedUnitSeconds() {
+    return reportedSeconds;
+}
+
 int Compiler::objectAbiVersion() {
     return objectAbi;
 }
@@ -507,7 +530,9 @@ void Compiler::precompileSources(
                     progress.completed = completed;
                     progress.total = units.size();
                     progress.sourcePath = units[event.index].source;
+                    reportedSeconds = event.seconds;
                     onProgress(progress);
+                    reportedSeconds = 0;
                 }
             }
         }

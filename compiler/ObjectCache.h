@@ -108,6 +108,15 @@ struct PrecompileSummary {
 };
 PrecompileSummary lastPrecompileSummary();
 
+// The time precompileSources() spent on the unit it is reporting, for a
+// progress function that wants each unit's own time: the reports come in
+// batches, so the time between them says little. Measured in the worker that
+// handled the unit: checking its object, and for a unit it compiled, compiling
+// and writing it (not the wait for another worker's writes). With several
+// workers these times overlap, so their sum exceeds the build's. Valid only
+// inside the progress function, on the thread that called precompileSources().
+double reportedUnitSeconds();
+
 // Withdraws the readiness marker that vouches for the configured library cache
 // (<cache root>/.first-launch/<version>/<library cache leaf>/.quor-stdlib-ready)
 // and makes the removal durable. Missing, or a directory in its place, is no

@@ -281,6 +281,36 @@ TEST_F(InstallTest, CompletionOffersSubcommandsOptionsAndValues) {
     EXPECT_EQ(complete("quor-stdlib prune --dry"), "--dry-run ");
 }
 
+// The zsh completion is generated from the same help: it names every
+// subcommand and option the tool's help lists, and zsh reads it.
+TEST_F(InstallTest, InstallsTheZshCompletion) {
+    if (!fs::exists(tool())) {
+        GTEST_SKIP() << "the tool is not part of this installation";
+    }
+    const fs::path script = prefix() / "share" / "zsh" / "site-functions" / "_quor-stdlib";
+    const std::string text = readFile(script);
+    ASSERT_TRUE(text.starts_with("#compdef quor-stdlib\n")) << text;
+    for (const char* word :
+         {"'status:", "'ensure:", "'verify:", "'prune:", "'clean:", "'help:", "--stdlib",
+          "--cache-root", "--json", "--timeout", "--check", "--dry-run", "--verbose",
+          ":WHEN:(auto always never)", ":DIR:_files -/", "'1:subcommand:("}) {
+        EXPECT_NE(text.find(word), std::string::npos) << word << "\n" << text;
+    }
+    if (runProcess({"sh", "-c", "command -v zsh"}).exitCode != 0) {
+        GTEST_SKIP() << "zsh is not installed; only the content was checked";
+    }
+    ProcessResult parsed = runProcess({"zsh", "-n", script.string()});
+    EXPECT_EQ(parsed.exitCode, 0) << parsed.output;
+    // compinit finds it in the folder the prefix installs to, for the command.
+    ProcessResult registered =
+        runProcess({"zsh", "-f", "-c",
+                    "fpath=(\"$1\" $fpath); autoload -U compinit; compinit -u -D; "
+                    "print -r -- ${_comps[quor-stdlib]}",
+                    "zsh", script.parent_path().string()});
+    EXPECT_EQ(registered.exitCode, 0) << registered.output;
+    EXPECT_EQ(registered.output, "_quor-stdlib\n");
+}
+
 TEST_F(InstallTest, PackageRefusesAnotherMinorVersion) {
     ScratchDirectory scratch("consumer-version");
     const std::string failure =

@@ -52,11 +52,22 @@ for path in \
     "usr/lib/$multiarch/pkgconfig/quor-bootstrap.pc" \
     usr/share/man/man1/quor-stdlib.1 \
     usr/share/bash-completion/completions/quor-stdlib \
+    usr/share/zsh/vendor-completions/_quor-stdlib \
     usr/share/doc/quor-bootstrap/README.md \
     usr/share/doc/quor-bootstrap/embedding.md \
     usr/share/doc/quor-bootstrap/examples/driver/main.cpp; do
   [ -f "$root/$path" ] || fail "the package has no $path"
 done
+# The zsh completion is the one generated from the tool's help, and zsh reads it.
+head -1 "$root/usr/share/zsh/vendor-completions/_quor-stdlib" | grep -x '#compdef quor-stdlib' >/dev/null \
+  || fail "the zsh completion does not start with #compdef quor-stdlib"
+for word in status ensure verify prune clean --stdlib --cache-root --json --verbose --dry-run; do
+  grep -e "$word" "$root/usr/share/zsh/vendor-completions/_quor-stdlib" >/dev/null \
+    || fail "the zsh completion does not offer $word"
+done
+if command -v zsh >/dev/null; then
+  zsh -n "$root/usr/share/zsh/vendor-completions/_quor-stdlib" || fail "zsh cannot read the zsh completion"
+fi
 if dpkg-deb -c "$deb" | grep -v ' \./usr/' | grep . >/dev/null; then
   fail "the package installs outside /usr: $(dpkg-deb -c "$deb" | grep -v ' \./usr/')"
 fi

@@ -3,6 +3,7 @@
 // progress exceptions stop the workers.
 
 #include "compiler/Compiler.h"
+#include "compiler/ObjectCache.h"
 #include "compiler/Sha256.h"
 #include "compiler/SourceManager.h"
 #include "tests/services/ServicesTestSupport.h"
@@ -42,7 +43,8 @@ protected:
         Compiler::precompileSources(
             sources, nullptr, [this](const Compiler::CompilationProgress& progress) {
                 reports_.push_back({progress.completed, progress.total, progress.sourcePath,
-                                    std::this_thread::get_id()});
+                                    std::this_thread::get_id(),
+                                    quor::compiler::reportedUnitSeconds()});
             });
     }
 
@@ -62,6 +64,7 @@ protected:
         std::size_t total;
         std::string sourcePath;
         std::thread::id thread;
+        double seconds; // reportedUnitSeconds() during the report
     };
 
     TemporaryDirectory directory_;
@@ -168,6 +171,25 @@ TEST_F(PrecompilerTest, ReportsEveryUnitOnTheCallingThreadCountingUp) {
         EXPECT_TRUE(fs::is_regular_file(object.replace_extension(".qo"))) << object;
     }
     EXPECT_EQ(named, std::set<std::string>(sources.begin(), sources.end()));
+}
+
+// Each report can tell the unit's own time, compiled or kept, and only while
+// it is being made.
+TEST_F(PrecompilerTest, ReportsEachUnitsOwnTimeDuringItsReport) {
+    std::vector<std::string> sources;
+    for (int i = 0; i < 12; ++i) {
+        sources.push_back(add("pkg/U" + std::to_string(i) + ".qr",
+                              "package pkg\nstruct U" + std::to_string(i) + " {}\n"));
+    }
+    for (const char* run : {"compiled", "kept"}) {
+        compile(sources, 2);
+        ASSERT_EQ(reports_.size(), sources.size()) << run;
+        for (const Report& report : reports_) {
+            EXPECT_GT(report.seconds, 0.0) << run << " " << report.sourcePath;
+            EXPECT_LT(report.seconds, 60.0) << run << " " << report.sourcePath;
+        }
+        EXPECT_EQ(quor::compiler::reportedUnitSeconds(), 0.0) << run;
+    }
 }
 
 struct BadUnit {

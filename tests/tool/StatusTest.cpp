@@ -164,6 +164,79 @@ TEST(StatusCommand, ListsOlderVersionsWithTheirSize) {
     EXPECT_GE(older[1]["bytes"].get<std::uint64_t>(), 10000u);
 }
 
+// The state row and the line under it, as `status` prints them for people.
+std::string stateRows(const Sandbox& sandbox) {
+    const ToolRun run = runTool(sandbox.arguments({"status"}), sandbox.path());
+    EXPECT_EQ(run.status, 0) << run.err;
+    const std::size_t state = run.out.find("  state   ");
+    if (state == std::string::npos)
+        return run.out;
+    const std::size_t second = run.out.find('\n', state) + 1;
+    return run.out.substr(state, run.out.find('\n', second) + 1 - state);
+}
+
+const std::string continuation(22, ' ');
+
+TEST(StatusCommand, ACacheRootThatIsAFileIsNamedAsSuch) {
+    Sandbox sandbox;
+    fs::remove_all(sandbox.cacheRoot());
+    writeFile(sandbox.cacheRoot(), "not a directory");
+    EXPECT_EQ(stateRows(sandbox),
+              "  state             not ready: the cache root is a regular file, not a directory\n" +
+                  continuation +
+                  "ensure will fail there: remove it, or choose another cache root\n");
+    const json status = statusOf(sandbox);
+    EXPECT_EQ(status["reason"]["message"], "the cache root is a regular file, not a directory");
+    EXPECT_EQ(status["ensureError"], "the cache root is a regular file, not a directory");
+    EXPECT_FALSE(status["ready"].get<bool>());
+}
+
+TEST(StatusCommand, AFileOnTheWayToTheCacheRootIsNamed) {
+    Sandbox sandbox;
+    const fs::path file = sandbox.path() / "file";
+    writeFile(file, "");
+    const ToolRun run = runTool({"--stdlib", sandbox.library().string(), "--cache-root",
+                                 (file / "cache").string(), "status", "--json"},
+                                sandbox.path());
+    ASSERT_EQ(run.status, 0) << run.err;
+    const json status = json::parse(run.out);
+    EXPECT_EQ(status["reason"]["message"],
+              "'" + file.string() +
+                  "' on the way to the cache root is a regular file, not a directory");
+    EXPECT_EQ(status["ensureError"], status["reason"]["message"]);
+}
+
+TEST(StatusCommand, ALibraryWithNothingToCompileSaysEnsureWillFail) {
+    Sandbox sandbox;
+    fs::remove_all(sandbox.library());
+    writeFile(sandbox.library() / "collections" / "List.qr",
+              "package collections\n\npublic class List<T> {\n}\n");
+    EXPECT_EQ(stateRows(sandbox),
+              "  state             not ready: no readiness marker; the library has not been built "
+              "for this compiler yet\n" +
+                  continuation +
+                  "ensure will fail: the library has no unit to compile (nothing but generic "
+                  "types, or no unit at all)\n");
+    const json status = statusOf(sandbox);
+    EXPECT_EQ(status["units"], 0);
+    EXPECT_TRUE(status["nextBuild"].is_null()) << status.dump();
+    EXPECT_EQ(status["ensureError"], "the library has no unit to compile (nothing but generic "
+                                     "types, or no unit at all)");
+    // What status foretold, and nothing before it: no build was announced.
+    const ToolRun ensure = runTool(sandbox.arguments({"ensure"}), sandbox.path());
+    EXPECT_EQ(ensure.status, 1);
+    EXPECT_EQ(ensure.err, "quor-stdlib: error: Quor standard library contains no compilable "
+                          "source units: " +
+                              sandbox.library().string() + "\n");
+}
+
+TEST(StatusCommand, AReadyOrBuildableCacheForetellsNoFailure) {
+    Sandbox sandbox;
+    EXPECT_TRUE(statusOf(sandbox)["ensureError"].is_null());
+    ensureBuilt(sandbox);
+    EXPECT_TRUE(statusOf(sandbox)["ensureError"].is_null());
+}
+
 TEST(StatusCommand, MissingLibraryIsNotFoundAndHasNoUnitCount) {
     Sandbox sandbox;
     fs::remove_all(sandbox.library());
@@ -172,6 +245,7 @@ TEST(StatusCommand, MissingLibraryIsNotFoundAndHasNoUnitCount) {
     EXPECT_FALSE(status["buildRequired"].get<bool>());
     EXPECT_TRUE(status["units"].is_null());
     EXPECT_TRUE(status["unitsError"].is_string());
+    EXPECT_EQ(status["ensureError"], "the standard library was not found");
 }
 
 } // namespace

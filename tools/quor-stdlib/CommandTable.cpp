@@ -1,6 +1,6 @@
-// The table of subcommands, the typo suggestion for an unknown one, the help
-// texts shared by --help and `help`, and the Runtime configuration every
-// subcommand starts with.
+// The table of subcommands, the typo suggestion for an unknown subcommand or
+// option, the help texts shared by --help and `help`, and the Runtime
+// configuration every subcommand starts with.
 
 #include "Commands.h"
 #include "Console.h"
@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <array>
+#include <optional>
 #include <vector>
 
 namespace quor::stdlibtool {
@@ -59,23 +60,32 @@ const Command* findCommand(std::string_view name) {
     return nullptr;
 }
 
-const Command* closestCommand(std::string_view name) {
-    if (name.empty())
-        return nullptr;
-    const Command* best = nullptr;
+std::optional<std::string_view> closestName(std::string_view word,
+                                            std::span<const std::string_view> candidates) {
+    if (word.empty() || candidates.empty())
+        return std::nullopt;
+    std::optional<std::string_view> best;
     std::size_t bestDistance = 0;
-    for (const auto& command : table) {
-        // A prefix ("pr", "ens") is what people type when they half remember.
-        if (command.name.starts_with(name))
-            return &command;
-        const std::size_t distance = editDistance(name, command.name);
-        if (best == nullptr || distance < bestDistance) {
-            best = &command;
+    for (const std::string_view candidate : candidates) {
+        // A prefix ("pr", "ens", "dry") is what people type when they half remember.
+        if (candidate.starts_with(word))
+            return candidate;
+        const std::size_t distance = editDistance(word, candidate);
+        if (!best || distance < bestDistance) {
+            best = candidate;
             bestDistance = distance;
         }
     }
-    const std::size_t allowed = std::max<std::size_t>(2, best->name.size() / 3);
-    return bestDistance <= allowed ? best : nullptr;
+    const std::size_t allowed = std::max<std::size_t>(2, best->size() / 3);
+    return bestDistance <= allowed ? best : std::nullopt;
+}
+
+const Command* closestCommand(std::string_view name) {
+    std::array<std::string_view, table.size()> names;
+    for (std::size_t i = 0; i < table.size(); ++i)
+        names[i] = table[i].name;
+    const auto closest = closestName(name, names);
+    return closest ? findCommand(*closest) : nullptr;
 }
 
 int runHelp(const Invocation& invocation, Console& console) {

@@ -49,6 +49,7 @@ struct EnsureOptions {
     std::optional<double> timeoutSeconds; // --timeout: bound on the wait for the build lock
     unsigned jobs = 0;                    // --jobs; 0 leaves it to QUOR_JOBS and the default
     bool force = false;                   // --force: build even when the marker is valid
+    bool verbose = false; // --verbose: each unit with its time, and the slowest at the end
 };
 
 struct PruneOptions {
@@ -89,8 +90,15 @@ std::span<const Command> commands();
 // The command named `name`, or nullptr.
 const Command* findCommand(std::string_view name);
 
-// The command whose name is closest to `name` by edit distance, when it is
-// close enough to be a plausible typo; nullptr otherwise.
+// The candidate that `word` most plausibly misspells: the first one that
+// starts with `word`, else the closest by edit distance (a swap of two
+// neighbouring letters counts as one edit) when at most max(2, length / 3)
+// edits away; nullopt when none is that close. Subcommands and options are
+// suggested by this one rule.
+std::optional<std::string_view> closestName(std::string_view word,
+                                            std::span<const std::string_view> candidates);
+
+// The command whose name closestName() picks for `name`, or nullptr.
 const Command* closestCommand(std::string_view name);
 
 // Handlers. Each returns one of the ExitStatus values and reports failures on

@@ -54,6 +54,7 @@
 #include <system_error>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 
 namespace quor::stdlibtool {
 
@@ -166,7 +167,9 @@ private:
 struct Exchange {
     std::mutex mutex;
     std::condition_variable changed;
-    std::deque<StandardLibraryBootstrapProgress> reports;
+    // Each report with its unit's time in the precompiler, which can only be
+    // asked for while the report is being made.
+    std::deque<std::pair<StandardLibraryBootstrapProgress, double>> reports;
     bool lockTaken = false; // a Preparing report came: the worker holds the lock
     bool done = false;
     StandardLibraryBootstrapResult result;
@@ -181,8 +184,9 @@ void runBootstrap(Exchange& exchange) {
                 // then would only turn a success into an error.
                 if (interruptRequested && progress.stage != StandardLibraryBootstrapStage::Finished)
                     throw BuildInterrupted{};
+                const double unitSeconds = compiler::reportedUnitSeconds();
                 std::lock_guard lock(exchange.mutex);
-                exchange.reports.push_back(progress);
+                exchange.reports.emplace_back(progress, unitSeconds);
                 if (progress.stage == StandardLibraryBootstrapStage::Preparing)
                     exchange.lockTaken = true;
                 exchange.changed.notify_all();
@@ -251,7 +255,7 @@ void buildOnThisThread(Exchange& exchange, ProgressView& view, const CachePaths&
                     exchange.lockTaken = true;
                     buildStarted = Clock::now();
                 }
-                view.report(progress);
+                view.report(progress, compiler::reportedUnitSeconds());
             });
     } catch (...) {
         exchange.failure = std::current_exception();
@@ -306,6 +310,8 @@ int runEnsure(const Invocation& invocation, Console& console) {
 
     ProgressView view(console, styleFor(invocation, console));
     view.countUnitsReadWith([] { return compiler::SourceManager::instance().textCount(); });
+    if (invocation.ensure.verbose)
+        view.showUnitTimes(paths.library);
     SignalHandlers handlers;
     Exchange exchange;
     const auto started = Clock::now();
@@ -325,7 +331,7 @@ int runEnsure(const Invocation& invocation, Console& console) {
     auto nextWake = Clock::time_point::min();
     auto nextTick = started;
     while (worker) {
-        std::deque<StandardLibraryBootstrapProgress> reports;
+        std::deque<std::pair<StandardLibraryBootstrapProgress, double>> reports;
         bool done = false;
         bool lockTaken = false;
         {
@@ -337,10 +343,10 @@ int runEnsure(const Invocation& invocation, Console& console) {
             done = exchange.done;
             lockTaken = exchange.lockTaken;
         }
-        for (const auto& report : reports) {
+        for (const auto& [report, unitSeconds] : reports) {
             if (report.stage == StandardLibraryBootstrapStage::Preparing)
                 buildStarted = Clock::now();
-            view.report(report);
+            view.report(report, unitSeconds);
         }
         if (done)
             break;
@@ -427,6 +433,7 @@ int runEnsure(const Invocation& invocation, Console& console) {
     }
 
     const auto& result = exchange.result;
+    view.reportSlowest();
     // Only a build of this process ran the precompiler here.
     const compiler::PrecompileSummary summary =
         result.bootstrapped ? compiler::lastPrecompileSummary() : compiler::PrecompileSummary{};

@@ -6,6 +6,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <cstdio>
 
 namespace quor::stdlibtool {
@@ -28,6 +29,18 @@ std::string_view stageName(StandardLibraryBootstrapStage stage) {
 
 double secondsSince(ProgressView::Clock::time_point start) {
     return std::chrono::duration<double>(ProgressView::Clock::now() - start).count();
+}
+
+// A unit's time, nine characters wide so that a column of them lines up:
+// "   0.4 ms", "  21.3 ms", "   1.25 s". Most units take well under a
+// millisecond, which seconds with three decimals would show as nothing.
+std::string unitTime(double seconds) {
+    char text[32];
+    if (seconds < 1.0)
+        std::snprintf(text, sizeof text, "%6.1f ms", seconds * 1000.0);
+    else
+        std::snprintf(text, sizeof text, "%7.2f s", seconds);
+    return text;
 }
 
 unsigned percentOf(std::size_t completed, std::size_t total) {
@@ -113,9 +126,15 @@ std::string ProgressView::renderLine(std::size_t completed, std::size_t total,
     return renderLine(line, columns);
 }
 
-void ProgressView::report(const compiler::StandardLibraryBootstrapProgress& progress) {
+void ProgressView::showUnitTimes(std::filesystem::path library) {
+    unitTimesBelow_ = std::move(library);
+}
+
+void ProgressView::report(const compiler::StandardLibraryBootstrapProgress& progress,
+                          double unitSeconds) {
     if (style_ == ProgressStyle::Silent)
         return;
+    const bool unit = progress.stage == StandardLibraryBootstrapStage::Compiling;
     if (style_ == ProgressStyle::Json) {
         nlohmann::ordered_json event = {
             {"event", "progress"},
@@ -124,6 +143,7 @@ void ProgressView::report(const compiler::StandardLibraryBootstrapProgress& prog
             {"total", progress.total},
             {"sourcePath", progress.sourcePath},
             {"displayName", progress.displayName},
+            {"seconds", unit ? nlohmann::ordered_json(unitSeconds) : nlohmann::ordered_json()},
         };
         console_.out() << jsonText(event) << std::endl;
         return;
@@ -132,8 +152,6 @@ void ProgressView::report(const compiler::StandardLibraryBootstrapProgress& prog
     case StandardLibraryBootstrapStage::Preparing:
         started_ = Clock::now();
         scanning_ = true;
-        if (style_ == ProgressStyle::Plain)
-            console_.note("building the standard library");
         draw(true);
         return;
     case StandardLibraryBootstrapStage::Compiling:
@@ -141,6 +159,15 @@ void ProgressView::report(const compiler::StandardLibraryBootstrapProgress& prog
             compileStarted_ = Clock::now();
             lineOpen_ = false; // the scan is over: its line gives way at once
         }
+        // Said only now: after Preparing, the walk of the library can still
+        // find it missing or with no unit to compile, and nothing is built.
+        // (A cache found ready, before or under the lock, gets no report.)
+        if (style_ == ProgressStyle::Plain && !announcedBuild_) {
+            console_.note("building the standard library");
+            announcedBuild_ = true;
+        }
+        if (unitTimesBelow_)
+            unitLine(progress, unitSeconds);
         scanning_ = false;
         completed_ = progress.completed;
         total_ = progress.total;
@@ -160,7 +187,10 @@ void ProgressView::report(const compiler::StandardLibraryBootstrapProgress& prog
         draw(completed_ == total_ || progress.stage == StandardLibraryBootstrapStage::Finished);
         return;
     }
-    // Plain: a line at every tenth of the units or every second, and the last one.
+    // Plain: a line at every tenth of the units or every second, and the last
+    // one; under --verbose every unit has its line already.
+    if (unitTimesBelow_)
+        return;
     const auto now = Clock::now();
     const bool stepped =
         percentOf(completed_, total_) / 10 != percentOf(lastPlainCompleted_, total_) / 10;
@@ -174,6 +204,38 @@ void ProgressView::report(const compiler::StandardLibraryBootstrapProgress& prog
         console_.note(std::string("compiled ") + counts + " " + label_);
         lastPlainLine_ = now;
         lastPlainCompleted_ = completed_;
+    }
+}
+
+void ProgressView::unitLine(const compiler::StandardLibraryBootstrapProgress& progress,
+                            double seconds) {
+    std::string unit = progress.sourcePath;
+    const std::filesystem::path relative =
+        std::filesystem::path(progress.sourcePath).lexically_relative(*unitTimesBelow_);
+    if (!relative.empty() && *relative.begin() != "..")
+        unit = relative.string();
+    unitTimes_.push_back({unit, seconds});
+    const std::string total = std::to_string(progress.total);
+    char counts[64];
+    std::snprintf(counts, sizeof counts, "%*zu/%s ", static_cast<int>(total.size()),
+                  progress.completed, total.c_str());
+    close();
+    console_.note(counts + unitTime(seconds) + "  " + unit);
+}
+
+void ProgressView::reportSlowest() {
+    if (!unitTimesBelow_ || unitTimes_.empty() || style_ == ProgressStyle::Silent ||
+        style_ == ProgressStyle::Json)
+        return;
+    constexpr std::size_t shown = 10;
+    const std::size_t count = std::min(shown, unitTimes_.size());
+    // Stable: of units that took as long, the one reported first comes first.
+    std::stable_sort(unitTimes_.begin(), unitTimes_.end(),
+                     [](const UnitTime& a, const UnitTime& b) { return a.seconds > b.seconds; });
+    close();
+    console_.note(count == 1 ? "slowest unit:" : "slowest " + std::to_string(count) + " units:");
+    for (std::size_t i = 0; i < count; ++i) {
+        console_.note(unitTime(unitTimes_[i].seconds) + "  " + unitTimes_[i].unit);
     }
 }
 

@@ -10,8 +10,15 @@
 //             k/n and the percentage stay;
 //   Plain     a line on standard error now and then (every 10 % of the units
 //             or every second, whichever comes first), never a redraw;
-//   Json      one JSON object per report on standard output (JSON Lines);
+//   Json      one JSON object per report on standard output (JSON Lines),
+//             a unit's with the unit's time;
 //   Silent    nothing (--quiet).
+// With showUnitTimes() (`ensure --verbose`), Terminal and Plain also write a
+// line on standard error for every unit with its time, and reportSlowest()
+// lists the units that took longest. A unit's time is the precompiler's own
+// measure (compiler::reportedUnitSeconds()): the reports come in batches, so
+// the time between them would mostly be nothing, and the first would carry
+// the scan of the library.
 
 #ifndef QUOR_TOOLS_QUOR_STDLIB_PROGRESS_H
 #define QUOR_TOOLS_QUOR_STDLIB_PROGRESS_H
@@ -26,6 +33,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace quor::stdlibtool {
 
@@ -37,8 +45,18 @@ public:
 
     ProgressView(Console& console, ProgressStyle style);
 
-    // One report of the bootstrap, in the order they were sent.
-    void report(const compiler::StandardLibraryBootstrapProgress& progress);
+    // One report of the bootstrap, in the order they were sent; for a
+    // Compiling report, `unitSeconds` is the time the precompiler spent on
+    // the unit.
+    void report(const compiler::StandardLibraryBootstrapProgress& progress, double unitSeconds = 0);
+
+    // Shows a line per unit with its time (--verbose), the unit named by its
+    // path below `library`.
+    void showUnitTimes(std::filesystem::path library);
+
+    // With showUnitTimes(): the slowest units of the build, at most ten,
+    // slowest first; nothing when no unit was reported.
+    void reportSlowest();
 
     // Redraws the terminal line so that its clock moves while a unit compiles.
     void tick();
@@ -78,6 +96,8 @@ public:
 
 private:
     void draw(bool force);
+    // The verbose line of one unit, which took `seconds`.
+    void unitLine(const compiler::StandardLibraryBootstrapProgress& progress, double seconds);
 
     Console& console_;
     ProgressStyle style_;
@@ -94,6 +114,13 @@ private:
     bool lineOpen_ = false;
     bool compiling_ = false;
     pid_t announcedHolder_ = 0;
+    bool announcedBuild_ = false;
+    std::optional<std::filesystem::path> unitTimesBelow_; // the library, under --verbose
+    struct UnitTime {
+        std::string unit;
+        double seconds = 0;
+    };
+    std::vector<UnitTime> unitTimes_;
 };
 
 } // namespace quor::stdlibtool

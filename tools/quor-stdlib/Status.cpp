@@ -42,6 +42,12 @@ struct StatusReport {
     bool buildRequired = false;
     compiler::CacheAccess access = compiler::CacheAccess::Writable;
     std::string refusal; // why the cache root cannot be vouched for; empty when it can
+    // When something other than a directory stands where the cache root or a
+    // folder on the way to it must be: what stands there. Then `refusal` holds
+    // the guard's words for it too, but this is what is wrong.
+    std::string blockedRoot;
+    // Why `ensure` would fail, when status can already tell; empty otherwise.
+    std::string ensureFailure;
     MarkerDiagnosis marker;
     std::optional<std::size_t> units;
     std::string unitsError;
@@ -60,6 +66,47 @@ struct StatusReport {
     std::string fingerprintWarning;
 };
 
+// "a regular file", "a FIFO", ...: what a path that is not a directory is.
+std::string nonDirectoryKind(fs::file_type type) {
+    switch (type) {
+    case fs::file_type::regular:
+        return "a regular file";
+    case fs::file_type::character:
+        return "a character device";
+    case fs::file_type::block:
+        return "a block device";
+    case fs::file_type::fifo:
+        return "a FIFO";
+    case fs::file_type::socket:
+        return "a socket";
+    default:
+        return "something else";
+    }
+}
+
+// What is wrong when the cache root cannot be a directory: it is a file, or
+// the nearest existing folder on its way is, so that nothing can be created
+// there. Links are followed, as the bootstrap's mkdir follows them. "" when
+// the nearest existing path is a directory or cannot be examined (the guard
+// then says why).
+std::string blockedCacheRoot(const fs::path& cacheRoot) {
+    for (fs::path path = cacheRoot; !path.empty(); path = path.parent_path()) {
+        std::error_code error;
+        const fs::file_type type = fs::status(path, error).type();
+        if (type == fs::file_type::directory || type == fs::file_type::none ||
+            type == fs::file_type::unknown)
+            return {};
+        if (type != fs::file_type::not_found)
+            return path == cacheRoot
+                       ? "the cache root is " + nonDirectoryKind(type) + ", not a directory"
+                       : "'" + path.string() + "' on the way to the cache root is " +
+                             nonDirectoryKind(type) + ", not a directory";
+        if (path == path.parent_path())
+            break;
+    }
+    return {};
+}
+
 StatusReport gatherStatus(bool check) {
     StatusReport report;
     report.identity = currentIdentity();
@@ -70,6 +117,7 @@ StatusReport gatherStatus(bool check) {
         report.access = guardCache(report.paths, CacheUse::Inspect);
     } catch (const std::exception& failure) {
         report.refusal = failure.what();
+        report.blockedRoot = blockedCacheRoot(report.paths.cacheRoot);
     }
     if (report.refusal.empty()) {
         const compiler::StandardLibraryCacheState state(
@@ -85,6 +133,11 @@ StatusReport gatherStatus(bool check) {
         report.marker.verdict = MarkerVerdict::Unreadable;
         report.marker.detail = report.refusal;
     }
+    // In the order ensure meets them: the guard, then the bootstrap's walk.
+    if (!report.refusal.empty())
+        report.ensureFailure = report.blockedRoot.empty() ? report.refusal : report.blockedRoot;
+    else if (!report.ready && !report.libraryFound)
+        report.ensureFailure = "the standard library was not found";
     // --check answers at the cost of the ready path: no walk of the library,
     // no listing of the cache root. The rows that need them are left out.
     report.checkOnly = check;
@@ -103,9 +156,13 @@ StatusReport gatherStatus(bool check) {
             const std::vector<std::string> units =
                 compilableUnits(report.paths.library, &report.unreachable);
             report.units = units.size();
+            // The bootstrap refuses an empty batch, after it took the lock.
+            if (units.empty() && !report.ready && report.ensureFailure.empty())
+                report.ensureFailure = "the library has no unit to compile (nothing but generic "
+                                       "types, or no unit at all)";
             // Reading every unit and object is for the person who asks why;
             // --check only wants the answer.
-            if (!report.ready && report.refusal.empty() && !check) {
+            if (!report.ready && report.refusal.empty() && !units.empty()) {
                 std::size_t reuse = 0;
                 for (const auto& unit : compiler::inspectLibraryCache(units).units)
                     reuse +=
@@ -154,6 +211,8 @@ std::string_view fieldProse(const std::string& field) {
 
 // The reason a cache that is not ready is not ready, as one line.
 std::string reasonLine(const StatusReport& report) {
+    if (!report.blockedRoot.empty())
+        return report.blockedRoot;
     switch (report.marker.verdict) {
     case MarkerVerdict::Missing:
         return "no readiness marker; the library has not been built for this compiler yet";
@@ -250,6 +309,7 @@ json statusJson(const StatusReport& report) {
         {"ready", report.ready},
         {"buildRequired", report.buildRequired},
         {"reason", reasonJson(report)},
+        {"ensureError", report.ensureFailure.empty() ? json(nullptr) : json(report.ensureFailure)},
         {"units", report.units ? json(*report.units) : json(nullptr)},
         {"unitsError", report.unitsError.empty() ? json(nullptr) : json(report.unitsError)},
         {"nextBuild", report.wouldCompile
@@ -300,8 +360,11 @@ void printStatus(const StatusReport& report, Console& console) {
         for (const auto& field : report.marker.differences)
             row("") << "  " << field.name << ": expected \"" << visible(field.expected)
                     << "\", found \"" << visible(field.found) << "\"\n";
-        if (!report.buildRequired)
-            row("") << "  ensure cannot build it: the standard library was not found\n";
+        // Not when it repeats the reason: a refusal is both.
+        if (!report.ensureFailure.empty() && report.ensureFailure != reasonLine(report))
+            row("") << "  ensure will fail: " << visible(report.ensureFailure) << '\n';
+        else if (!report.blockedRoot.empty())
+            row("") << "  ensure will fail there: remove it, or choose another cache root\n";
     }
     if (report.checkOnly) {
         out.flush();

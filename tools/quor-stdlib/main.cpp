@@ -10,13 +10,17 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
 #include <iostream>
 #include <map>
+#include <string>
+#include <string_view>
 #include <unistd.h>
+#include <vector>
 
 using namespace quor::stdlibtool;
 
@@ -81,6 +85,66 @@ std::string unknownSubcommand(const std::string& name) {
     return message;
 }
 
+// The long options (without their dashes) that `selected`, or the top level
+// when nothing is selected, accepts at that place: its own and the global ones.
+std::vector<std::string> longOptions(const CLI::App& app, const CLI::App* selected) {
+    std::vector<std::string> names;
+    for (const CLI::App* level : {selected, &app})
+        if (level != nullptr)
+            for (const CLI::Option* option : level->get_options())
+                for (const std::string& name : option->get_lnames())
+                    names.push_back(name);
+    return names;
+}
+
+// An option nobody declared, with the declared one it most plausibly
+// misspells. A single letter ("-v") has too many neighbours to guess from, so
+// only a long word gets a suggestion; it is matched without its dashes and
+// without a "=value" part, against long names, so "--dry" finds "--dry-run".
+std::string unknownOption(const std::string& word, const CLI::App& app, const CLI::App* selected) {
+    std::string message = "unknown option '" + word + "'";
+    if (selected != nullptr)
+        message += " for '" + selected->get_name() + "'";
+    std::string_view core = word;
+    core.remove_prefix(std::min(core.find_first_not_of('-'), core.size()));
+    core = core.substr(0, core.find('='));
+    if (core.size() < 2)
+        return message;
+    const std::vector<std::string> names = longOptions(app, selected);
+    const std::vector<std::string_view> candidates(names.begin(), names.end());
+    if (const auto closest = closestName(core, candidates))
+        message += "; did you mean '--" + std::string(*closest) + "'?";
+    return message;
+}
+
+// What each option with a value expects, in the words of its error messages:
+// "<option>: expected <this>, got '<value>'", or "got nothing" when the value
+// is missing. Keyed by the name the parser reports the option under.
+std::map<std::string, std::string, std::less<>> expectedValues;
+
+constexpr std::string_view expectedSeconds = "a number of seconds, at least 0";
+constexpr std::string_view expectedJobs = "a whole number of worker threads, at least 1";
+constexpr std::string_view expectedColor = "auto, always or never";
+constexpr std::string_view expectedDirectory = "a directory";
+
+std::string badValue(std::string_view expected, const std::string& text) {
+    return "expected " + std::string(expected) + ", got '" + text + "'";
+}
+
+// The parser's complaints in the form every other usage error has. Its own
+// texts ("--jobs: 1 required N missing") name a mechanism, not what to type.
+std::string parseErrorMessage(const CLI::ParseError& error) {
+    const std::string text = error.what();
+    if (error.get_name() == "ArgumentMismatch") {
+        const std::string option = text.substr(0, text.find(':'));
+        if (const auto expected = expectedValues.find(option); expected != expectedValues.end())
+            return option + ": expected " + expected->second + ", got nothing";
+    }
+    // A ValidationError already reads "<option>: expected ..., got '...'"
+    // (the validators below); anything else is kept whole rather than lost.
+    return text;
+}
+
 // CLI11's own validators print the whole range of a double; these say what is expected.
 CLI::Validator secondsValidator() {
     return CLI::Validator(
@@ -92,9 +156,19 @@ CLI::Validator secondsValidator() {
                     return {};
             } catch (const std::exception&) { // not a number: reported below
             }
-            return "expected a number of seconds, at least 0, got '" + text + "'";
+            return badValue(expectedSeconds, text);
         },
         "");
+}
+
+CLI::Validator colorValidator() {
+    return CLI::Validator(
+        [](std::string& text) -> std::string {
+            return text == "auto" || text == "always" || text == "never"
+                       ? std::string()
+                       : badValue(expectedColor, text);
+        },
+        "{auto,always,never}"); // shown in --help, and read from there by the completion
 }
 
 // What is wrong with `text` as a number of worker threads, or "" when nothing is.
@@ -102,7 +176,7 @@ std::string jobsProblem(const std::string& text) {
     if (!text.empty() && text.size() <= 6 &&
         text.find_first_not_of("0123456789") == std::string::npos && std::stoul(text) > 0)
         return {};
-    return "expected a whole number of worker threads, at least 1, got '" + text + "'";
+    return badValue(expectedJobs, text);
 }
 
 CLI::Validator jobsValidator() {
@@ -148,16 +222,24 @@ int main(int argc, char** argv) {
     app.fallthrough(); // global options may follow the subcommand
     app.add_option("--stdlib", invocation.global.standardLibraryPath,
                    "Standard-library root (overrides QUOR_STDLIB_PATH)")
-        ->type_name("DIR");
+        ->type_name("DIR")
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
     app.add_option("--cache-root", invocation.global.cacheRoot,
                    "Cache root holding one directory per compiler version (overrides "
                    "QUOR_CACHE_DIR)")
-        ->type_name("DIR");
+        ->type_name("DIR")
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
     app.add_flag("--json", invocation.global.json, "Machine-readable output");
     app.add_flag("-q,--quiet", invocation.global.quiet, "Print only errors");
     app.add_option("--color", color, "Colour: auto (terminals, unless NO_COLOR), always, never")
-        ->check(CLI::IsMember({"auto", "always", "never"}))
-        ->type_name("WHEN");
+        ->check(colorValidator())
+        ->type_name("WHEN")
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+    expectedValues = {{"--stdlib", std::string(expectedDirectory)},
+                      {"--cache-root", std::string(expectedDirectory)},
+                      {"--color", std::string(expectedColor)},
+                      {"--timeout", std::string(expectedSeconds)},
+                      {"--jobs", std::string(expectedJobs)}};
     app.set_version_flag("--version",
                          "quor-stdlib " + std::string(QUOR_COMPILER_VERSION) + " (object ABI " +
                              std::to_string(quor::compiler::Compiler::objectAbiVersion()) + ")",
@@ -173,16 +255,21 @@ int main(int argc, char** argv) {
         ->add_option("--timeout", invocation.ensure.timeoutSeconds,
                      "Give up waiting for another process's build lock after SECONDS")
         ->check(secondsValidator())
-        ->type_name("SECONDS");
+        ->type_name("SECONDS")
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
     subcommands["ensure"]
         ->add_option("-j,--jobs", invocation.ensure.jobs,
                      "Precompiler worker threads (overrides QUOR_JOBS)")
         ->check(jobsValidator())
-        ->type_name("N");
+        ->type_name("N")
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
     subcommands["ensure"]->add_flag(
         "-f,--force", invocation.ensure.force,
         "Build even when the cache is ready: withdraw the readiness marker, then check every "
         "object and compile those that are not sound");
+    subcommands["ensure"]->add_flag(
+        "-v,--verbose", invocation.ensure.verbose,
+        "Show each unit with its time on standard error, and the slowest units at the end");
     subcommands["prune"]->add_flag("-n,--dry-run", invocation.prune.dryRun,
                                    "List what would be removed, remove nothing");
     subcommands["clean"]->add_flag("-n,--dry-run", invocation.clean.dryRun,
@@ -211,7 +298,7 @@ int main(int argc, char** argv) {
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == 0)
             return app.exit(error); // --help and --version
-        return usageError(error.what());
+        return usageError(parseErrorMessage(error));
     }
 
     const auto remaining = app.remaining();
@@ -220,13 +307,22 @@ int main(int argc, char** argv) {
         if (!remaining.empty() && !remaining.front().starts_with("-"))
             return usageError(unknownSubcommand(remaining.front()));
         if (!remaining.empty())
-            return usageError("unknown option '" + remaining.front() + "'");
+            return usageError(unknownOption(remaining.front(), app, nullptr));
         std::cerr << overview;
         return usageError("no subcommand given");
     }
-    if (!remaining.empty())
-        return usageError("unexpected argument '" + remaining.front() + "' for '" +
-                          selected.front()->get_name() + "'");
+    if (!remaining.empty()) {
+        const std::string& word = remaining.front();
+        const std::string& name = selected.front()->get_name();
+        if (!word.starts_with("-") || word == "-")
+            return usageError("unexpected argument '" + word + "' for '" + name + "'");
+        // The subcommand's own options are known only after it: "--force ensure".
+        if (selected.front()->get_option_no_throw(word) != nullptr)
+            return usageError("option '" + word + "' must come after '" + name + "'");
+        return usageError(unknownOption(word, app, selected.front()));
+    }
+    if (invocation.global.quiet && invocation.ensure.verbose)
+        return usageError("--verbose and --quiet cannot be used together");
 
     const Command* command = findCommand(selected.front()->get_name());
     if (command->name == "help") {
