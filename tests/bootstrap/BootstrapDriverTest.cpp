@@ -4,13 +4,10 @@
 
 #include "tests/bootstrap/BootstrapFixture.h"
 
-#include <fcntl.h>
-#include <sys/resource.h>
-#include <unistd.h>
+#include "ChildChecks.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <system_error>
 
 namespace quor::testing {
@@ -42,16 +39,13 @@ std::vector<std::string> entriesStartingWith(const std::string& prefix) {
     return found;
 }
 
-// Lowers the descriptor limit and opens /dev/null until no descriptor is left,
-// so that the next open fails with EMFILE. For forked children only.
-bool exhaustDescriptors() {
-    const rlimit limit{256, 256};
-    if (setrlimit(RLIMIT_NOFILE, &limit) != 0) {
-        return false;
+// One line per entry, for a child's report.
+std::string lines(const std::vector<std::string>& entries) {
+    std::string text;
+    for (const std::string& entry : entries) {
+        text += entry + "\n";
     }
-    while (open("/dev/null", O_RDONLY) >= 0) {
-    }
-    return errno == EMFILE;
+    return text;
 }
 
 class BootstrapDriver : public BootstrapTest {
@@ -482,38 +476,30 @@ TEST_F(BootstrapDriver, UnreadableDirectoryIsSkippedSilently) {
     fs::create_directories(cacheRoot);
     fs::permissions(cacheRoot, fs::perms(0777));
     const std::string expected = s(stdlib / "core.qr");
-    EXPECT_EQ(runInChild([&] {
-                  if (!dropToNobody()) {
-                      return 10;
-                  }
-                  StandardLibraryBootstrap::ensure({});
-                  const auto sources = lastPrecompiledSources();
-                  return sources == std::vector<std::string>{expected} ? 0 : 1;
-              }),
-              0);
+    EXPECT_EXIT(testsupport::reportAsNobody([&] {
+                    StandardLibraryBootstrap::ensure({});
+                    return "precompiled:\n" + lines(lastPrecompiledSources());
+                }),
+                ::testing::ExitedWithCode(0), ::testing::Eq("precompiled:\n" + expected + "\n"));
 }
 
 TEST_F(BootstrapDriver, WalkThatCannotStartFailsWithSystemText) {
     writeUnit("core.qr", "type Core\n");
     const std::string expected = "Unable to enumerate Quor standard library '" + s(stdlib) +
                                  "': " + std::error_code(EMFILE, std::generic_category()).message();
-    EXPECT_EQ(runInChild([&] {
-                  ProgressRecorder recorder;
-                  recorder.extra = [](const StandardLibraryBootstrapProgress& progress) {
-                      if (progress.stage == StandardLibraryBootstrapStage::Preparing &&
-                          !exhaustDescriptors()) {
-                          _exit(10);
-                      }
-                  };
-                  const std::string message = runtimeErrorOf(
-                      [&] { StandardLibraryBootstrap::ensure(recorder.callback()); });
-                  if (message != expected) {
-                      std::fprintf(stderr, "message: %s\n", message.c_str());
-                      return 1;
-                  }
-                  return 0;
-              }),
-              0);
+    EXPECT_EXIT(testsupport::reportAndExit([&] {
+                    ProgressRecorder recorder;
+                    recorder.extra = [](const StandardLibraryBootstrapProgress& progress) {
+                        if (progress.stage == StandardLibraryBootstrapStage::Preparing) {
+                            testsupport::exhaustDescriptors();
+                        }
+                    };
+                    return "error: " + runtimeErrorOf([&] {
+                               StandardLibraryBootstrap::ensure(recorder.callback());
+                           }) +
+                           "\n";
+                }),
+                ::testing::ExitedWithCode(0), ::testing::Eq("error: " + expected + "\n"));
 }
 
 TEST_F(BootstrapDriver, WalkThatCannotAdvanceFailsWithSystemText) {

@@ -4,6 +4,8 @@
 
 #include "tests/bootstrap/BootstrapFixture.h"
 
+#include "ChildChecks.h"
+
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
@@ -13,7 +15,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <thread>
 
 namespace quor::testing {
@@ -199,20 +200,16 @@ TEST_F(BootstrapLock, LockFileOwnedByOtherUserCannotBeOpened) {
     fs::permissions(lockFile(), fs::perms(0600));
     const std::string expected =
         "Unable to lock Quor standard-library cache '" + s(lockFile()) + "'";
-    EXPECT_EQ(runInChild([&] {
-                  if (!dropToNobody()) {
-                      return 10;
-                  }
-                  ProgressRecorder recorder;
-                  const std::string message = runtimeErrorOf(
-                      [&] { StandardLibraryBootstrap::ensure(recorder.callback()); });
-                  if (message != expected) {
-                      std::fprintf(stderr, "message: %s\n", message.c_str());
-                      return 1;
-                  }
-                  return recorder.reports.empty() && precompileCallCount() == 0 ? 0 : 2;
-              }),
-              0);
+    EXPECT_EXIT(testsupport::reportAsNobody([&] {
+                    ProgressRecorder recorder;
+                    const std::string message = runtimeErrorOf(
+                        [&] { StandardLibraryBootstrap::ensure(recorder.callback()); });
+                    return "error: " + message +
+                           "\nreports: " + std::to_string(recorder.reports.size()) +
+                           "\nprecompile calls: " + std::to_string(precompileCallCount()) + "\n";
+                }),
+                ::testing::ExitedWithCode(0),
+                ::testing::Eq("error: " + expected + "\nreports: 0\nprecompile calls: 0\n"));
     EXPECT_FALSE(lockHeldElsewhere(lockFile()));
 }
 

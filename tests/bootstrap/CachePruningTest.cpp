@@ -6,17 +6,16 @@
 #include "tests/bootstrap/FakeServices.h"
 #include "tests/bootstrap/TestSupport.h"
 
+#include "ChildChecks.h"
+
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <poll.h>
 #include <sys/inotify.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <system_error>
 #include <thread>
 
@@ -35,6 +34,17 @@ protected:
     }
 
     void TearDown() override { resetFakes(); }
+
+    // In a child, as uid 65534: reports the error of removing the caches of
+    // versions older than 0.1.6.
+    [[noreturn]] void reportRemovalErrorAsNobody() const {
+        testsupport::reportAsNobody([&] {
+            return "error: " + runtimeErrorOf([&] {
+                       StandardLibraryBootstrap::removeOlderCacheVersions(cache, "0.1.6");
+                   }) +
+                   "\n";
+        });
+    }
 
     void dirs(std::initializer_list<std::string> names) {
         for (const std::string& name : names) {
@@ -227,54 +237,43 @@ TEST_F(CachePruning, UnreadableRootGivesEmptyList) {
     fs::permissions(temp.path(), fs::perms(0755));
     dirs({"0.1.5"});
     fs::permissions(cache, fs::perms(0711));
-    EXPECT_EQ(runInChild([&] {
-                  if (!dropToNobody()) {
-                      return 10;
-                  }
-                  if (!StandardLibraryBootstrap::olderCacheVersions(cache, "0.1.6").empty()) {
-                      return 1;
-                  }
-                  return StandardLibraryBootstrap::removeOlderCacheVersions(cache, "0.1.6") == 0
-                             ? 0
-                             : 2;
-              }),
-              0);
+    EXPECT_EXIT(testsupport::reportAsNobody([&] {
+                    const auto listed =
+                        StandardLibraryBootstrap::olderCacheVersions(cache, "0.1.6");
+                    const auto removed =
+                        StandardLibraryBootstrap::removeOlderCacheVersions(cache, "0.1.6");
+                    return "listed " + std::to_string(listed.size()) + ", removed " +
+                           std::to_string(removed) + "\n";
+                }),
+                ::testing::ExitedWithCode(0), ::testing::Eq("listed 0, removed 0\n"));
     EXPECT_TRUE(fs::is_directory(cache / "0.1.5"));
 }
 
 TEST_F(CachePruning, RootBehindUnsearchableDirectoryGivesEmptyList) {
     fs::permissions(temp.path(), fs::perms(0700));
     dirs({"0.1.5"});
-    EXPECT_EQ(runInChild([&] {
-                  if (!dropToNobody()) {
-                      return 10;
-                  }
-                  return StandardLibraryBootstrap::olderCacheVersions(cache, "0.1.6").empty() ? 0
-                                                                                              : 1;
-              }),
-              0);
+    EXPECT_EXIT(
+        testsupport::reportAsNobody([&] {
+            return "listed " +
+                   std::to_string(
+                       StandardLibraryBootstrap::olderCacheVersions(cache, "0.1.6").size()) +
+                   "\n";
+        }),
+        ::testing::ExitedWithCode(0), ::testing::Eq("listed 0\n"));
 }
 
 TEST_F(CachePruning, IterationErrorThrowsWithSystemText) {
     dirs({"0.1.5"});
     const std::string expected = "Unable to inspect Quor cache versions in '" + s(cache) +
                                  "': " + std::error_code(EMFILE, std::generic_category()).message();
-    EXPECT_EQ(runInChild([&] {
-                  const rlimit limit{256, 256};
-                  if (setrlimit(RLIMIT_NOFILE, &limit) != 0) {
-                      return 10;
-                  }
-                  while (open("/dev/null", O_RDONLY) >= 0) {
-                  }
-                  const std::string message = runtimeErrorOf(
-                      [&] { StandardLibraryBootstrap::olderCacheVersions(cache, "0.1.6"); });
-                  if (message != expected) {
-                      std::fprintf(stderr, "message: %s\n", message.c_str());
-                      return 1;
-                  }
-                  return 0;
-              }),
-              0);
+    EXPECT_EXIT(testsupport::reportAndExit([&] {
+                    testsupport::exhaustDescriptors();
+                    return "error: " + runtimeErrorOf([&] {
+                               StandardLibraryBootstrap::olderCacheVersions(cache, "0.1.6");
+                           }) +
+                           "\n";
+                }),
+                ::testing::ExitedWithCode(0), ::testing::Eq("error: " + expected + "\n"));
 }
 
 TEST_F(CachePruning, FailedRemovalOfVersionReportsCacheMessage) {
@@ -285,19 +284,8 @@ TEST_F(CachePruning, FailedRemovalOfVersionReportsCacheMessage) {
     fs::permissions(cache / "0.1.5" / "locked", fs::perms(0755));
     const std::string expected = "Unable to remove old Quor cache '" + s(cache / "0.1.5") +
                                  "': " + std::error_code(EACCES, std::generic_category()).message();
-    EXPECT_EQ(runInChild([&] {
-                  if (!dropToNobody()) {
-                      return 10;
-                  }
-                  const std::string message = runtimeErrorOf(
-                      [&] { StandardLibraryBootstrap::removeOlderCacheVersions(cache, "0.1.6"); });
-                  if (message != expected) {
-                      std::fprintf(stderr, "message: %s\n", message.c_str());
-                      return 1;
-                  }
-                  return 0;
-              }),
-              0);
+    EXPECT_EXIT(reportRemovalErrorAsNobody(), ::testing::ExitedWithCode(0),
+                ::testing::Eq("error: " + expected + "\n"));
 }
 
 TEST_F(CachePruning, FailedRemovalOfFirstLaunchStateComesAfterCacheIsGone) {
@@ -314,19 +302,8 @@ TEST_F(CachePruning, FailedRemovalOfFirstLaunchStateComesAfterCacheIsGone) {
     const fs::path state = cache / ".first-launch" / "0.1.5";
     const std::string expected = "Unable to remove old Quor first-launch state '" + s(state) +
                                  "': " + std::error_code(EACCES, std::generic_category()).message();
-    EXPECT_EQ(runInChild([&] {
-                  if (!dropToNobody()) {
-                      return 10;
-                  }
-                  const std::string message = runtimeErrorOf(
-                      [&] { StandardLibraryBootstrap::removeOlderCacheVersions(cache, "0.1.6"); });
-                  if (message != expected) {
-                      std::fprintf(stderr, "message: %s\n", message.c_str());
-                      return 1;
-                  }
-                  return 0;
-              }),
-              0);
+    EXPECT_EXIT(reportRemovalErrorAsNobody(), ::testing::ExitedWithCode(0),
+                ::testing::Eq("error: " + expected + "\n"));
     EXPECT_FALSE(fs::exists(cache / "0.1.5"));
     EXPECT_TRUE(fs::exists(state / "lib" / ".quor-stdlib-ready"));
 }
@@ -342,15 +319,8 @@ TEST_F(CachePruning, ErrorStopsRunButEarlierRemovalsStay) {
     lchown((cache / "0.1.5").c_str(), 65534, 65534);
     const std::string expected = "Unable to remove old Quor cache '" + s(cache / "0.1.4") +
                                  "': " + std::error_code(EACCES, std::generic_category()).message();
-    EXPECT_EQ(runInChild([&] {
-                  if (!dropToNobody()) {
-                      return 10;
-                  }
-                  const std::string message = runtimeErrorOf(
-                      [&] { StandardLibraryBootstrap::removeOlderCacheVersions(cache, "0.1.6"); });
-                  return message == expected ? 0 : 1;
-              }),
-              0);
+    EXPECT_EXIT(reportRemovalErrorAsNobody(), ::testing::ExitedWithCode(0),
+                ::testing::Eq("error: " + expected + "\n"));
     EXPECT_FALSE(fs::exists(cache / "0.1.3"));
     EXPECT_TRUE(fs::exists(cache / "0.1.4" / "locked" / "object"));
     EXPECT_TRUE(fs::is_directory(cache / "0.1.5"));

@@ -4,16 +4,17 @@
 #include "compiler/StandardLibraryCacheState.h"
 #include "tests/bootstrap/TestSupport.h"
 
+#include "ChildChecks.h"
+
 #include <gtest/gtest.h>
 
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <functional>
-#include <regex>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -34,6 +35,31 @@ std::vector<std::string> filesStartingWith(const fs::path& dir, const std::strin
         }
     }
     return names;
+}
+
+// A child's report of what markReady() throws for a marker in `dir`.
+std::string markReadyError(const fs::path& dir) {
+    return "error: " +
+           runtimeErrorOf([&] { StandardLibraryCacheState(dir, "0.1.6", 3, "abc").markReady(); }) +
+           "\n";
+}
+
+// In a child: markReadyError(dir) while any write past the first few bytes of
+// a file fails with EFBIG instead of killing the process. Only the soft limit
+// is lowered, and raised again afterwards: the child's report goes to a file.
+std::string markReadyErrorWithTinyFiles(const fs::path& dir) {
+    std::signal(SIGXFSZ, SIG_IGN);
+    rlimit usual{};
+    if (getrlimit(RLIMIT_FSIZE, &usual) != 0) {
+        throw std::system_error(errno, std::generic_category(), "getrlimit(RLIMIT_FSIZE)");
+    }
+    const rlimit tiny{8, usual.rlim_max};
+    if (setrlimit(RLIMIT_FSIZE, &tiny) != 0) {
+        throw std::system_error(errno, std::generic_category(), "setrlimit(RLIMIT_FSIZE)");
+    }
+    const std::string error = markReadyError(dir);
+    setrlimit(RLIMIT_FSIZE, &usual); // cannot fail: back to a limit the child already had
+    return error;
 }
 
 TEST(CacheState, MarkReadyWritesExactlyTheSeventyThreeBytes) {
@@ -204,13 +230,9 @@ TEST(CacheState, UnreadableMarkerIsNotReady) {
     const StandardLibraryCacheState state(temp.path(), "0.1.6", 3, "abc");
     state.markReady();
     fs::permissions(temp.path() / ".quor-stdlib-ready", fs::perms(0600));
-    EXPECT_EQ(runInChild([&] {
-                  if (!dropToNobody()) {
-                      return 10;
-                  }
-                  return state.isReady() ? 1 : 0;
-              }),
-              0);
+    EXPECT_EXIT(
+        testsupport::reportAsNobody([&] { return state.isReady() ? "ready\n" : "not ready\n"; }),
+        ::testing::ExitedWithCode(0), ::testing::Eq("not ready\n"));
 }
 
 TEST(CacheState, MarkReadyFailsWhenTemporaryFileCannotBeCreated) {
@@ -220,22 +242,11 @@ TEST(CacheState, MarkReadyFailsWhenTemporaryFileCannotBeCreated) {
     fs::create_directories(dir);
     fs::permissions(dir, fs::perms(0755)); // owned by root: nobody may create files in it
     const std::string marker = (dir / ".quor-stdlib-ready").native();
-    EXPECT_EQ(runInChild([&] {
-                  if (!dropToNobody()) {
-                      return 10;
-                  }
-                  const std::string message = runtimeErrorOf(
-                      [&] { StandardLibraryCacheState(dir, "0.1.6", 3, "abc").markReady(); });
-                  const std::string prefix =
-                      "Unable to write standard-library cache marker '" + marker + ".tmp.";
-                  if (message.rfind(prefix, 0) != 0) {
-                      std::fprintf(stderr, "message: %s\n", message.c_str());
-                      return 1;
-                  }
-                  const std::regex suffix("[0-9]+\\.-?[0-9]+'");
-                  return std::regex_match(message.substr(prefix.size()), suffix) ? 0 : 2;
-              }),
-              0);
+    const std::string prefix = "Unable to write standard-library cache marker '" + marker + ".tmp.";
+    EXPECT_EXIT(testsupport::reportAsNobody([&] { return markReadyError(dir); }),
+                ::testing::ExitedWithCode(0),
+                ::testing::MatchesRegex("error: " + testsupport::literalPattern(prefix) +
+                                        "[0-9]+\\.-?[0-9]+'\n"));
     EXPECT_TRUE(treeSnapshot(dir).empty());
 }
 
@@ -243,28 +254,14 @@ TEST(CacheState, MarkReadyFailsWhenMarkerCannotBeFlushedAndRemovesTemporary) {
     TempDir temp;
     const fs::path dir = temp.path();
     const std::string marker = (dir / ".quor-stdlib-ready").native();
-    EXPECT_EQ(runInChild([&] {
-                  // Any write past the first few bytes fails with EFBIG instead of
-                  // killing the process.
-                  std::signal(SIGXFSZ, SIG_IGN);
-                  const rlimit limit{8, 8};
-                  if (setrlimit(RLIMIT_FSIZE, &limit) != 0) {
-                      return 10;
-                  }
-                  const std::string message = runtimeErrorOf(
-                      [&] { StandardLibraryCacheState(dir, "0.1.6", 3, "abc").markReady(); });
-                  const std::string prefix =
-                      "Unable to flush standard-library cache marker '" + marker + ".tmp." +
-                      std::to_string(std::hash<std::thread::id>{}(std::this_thread::get_id())) +
-                      ".";
-                  if (message.rfind(prefix, 0) != 0) {
-                      std::fprintf(stderr, "message: %s\n", message.c_str());
-                      return 1;
-                  }
-                  const std::regex ticks("-?[0-9]+'");
-                  return std::regex_match(message.substr(prefix.size()), ticks) ? 0 : 2;
-              }),
-              0);
+    // The forked child runs on a copy of this thread, with its id.
+    const std::string prefix =
+        "Unable to flush standard-library cache marker '" + marker + ".tmp." +
+        std::to_string(std::hash<std::thread::id>{}(std::this_thread::get_id())) + ".";
+    EXPECT_EXIT(
+        testsupport::reportAndExit([&] { return markReadyErrorWithTinyFiles(dir); }),
+        ::testing::ExitedWithCode(0),
+        ::testing::MatchesRegex("error: " + testsupport::literalPattern(prefix) + "-?[0-9]+'\n"));
     EXPECT_TRUE(treeSnapshot(dir).empty());
 }
 
@@ -273,19 +270,12 @@ TEST(CacheState, MarkReadyFailureLeavesPreviousMarkerUntouched) {
     const fs::path dir = temp.path();
     StandardLibraryCacheState(dir, "0.1.5", 2, "old").markReady();
     const std::string before = readFile(dir / ".quor-stdlib-ready");
-    EXPECT_EQ(runInChild([&] {
-                  std::signal(SIGXFSZ, SIG_IGN);
-                  const rlimit limit{8, 8};
-                  if (setrlimit(RLIMIT_FSIZE, &limit) != 0) {
-                      return 10;
-                  }
-                  const std::string message = runtimeErrorOf(
-                      [&] { StandardLibraryCacheState(dir, "0.1.6", 3, "abc").markReady(); });
-                  return message.rfind("Unable to flush standard-library cache marker '", 0) == 0
-                             ? 0
-                             : 1;
-              }),
-              0);
+    EXPECT_EXIT(testsupport::reportAndExit([&] { return markReadyErrorWithTinyFiles(dir); }),
+                ::testing::ExitedWithCode(0),
+                ::testing::MatchesRegex(
+                    "error: " +
+                    testsupport::literalPattern("Unable to flush standard-library cache marker '") +
+                    ".*"));
     EXPECT_EQ(readFile(dir / ".quor-stdlib-ready"), before);
     EXPECT_EQ(treeSnapshot(dir), std::set<std::string>{".quor-stdlib-ready"});
 }

@@ -5,7 +5,6 @@
 #include "tests/bootstrap/FakeServices.h"
 
 #include <fcntl.h>
-#include <grp.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -114,11 +113,6 @@ int waitChild(pid_t child) {
 
 int runInChild(const std::function<int()>& body) {
     return waitChild(startChild(body));
-}
-
-bool dropToNobody() {
-    const gid_t group = 65534;
-    return setgroups(1, &group) == 0 && setgid(65534) == 0 && setuid(65534) == 0;
 }
 
 bool lockHeldElsewhere(const fs::path& file) {

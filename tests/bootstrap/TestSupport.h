@@ -57,9 +57,6 @@ pid_t startChild(const std::function<int()>& body);
 // Exit status (or 128 + signal) of a child started by startChild().
 int waitChild(pid_t child);
 
-// Drops the calling process to uid and gid 65534. Only for forked children.
-bool dropToNobody();
-
 // True when another open file description holds a lock on `file`: a forked
 // child opens it and fails flock(LOCK_EX | LOCK_NB) with EWOULDBLOCK.
 bool lockHeldElsewhere(const fs::path& file);

@@ -17,6 +17,8 @@
 #include "tests/reliability/ReliabilitySupport.h"
 #include "tests/reliability/ToolHarness.h"
 
+#include "ChildChecks.h"
+
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
@@ -85,12 +87,14 @@ protected:
 TEST_F(HostileInput, ReadOnlyCacheRootFailsWithTheCacheRootMessage) {
     fs::create_directories(cache);
     const fs::path lockDirectory = cache / ".first-launch" / QUOR_COMPILER_VERSION;
-    const int status = runAsNobody([&] {
-        const std::string expected =
-            "Unable to create Quor cache root '" + lockDirectory.native() + "': Permission denied";
-        return StandardLibraryBootstrap::isRequired() && ensureError() == expected ? 0 : 1;
-    });
-    EXPECT_EQ(status, 0);
+    EXPECT_EXIT(testsupport::reportAsNobody([&] {
+                    const bool required = StandardLibraryBootstrap::isRequired();
+                    return std::string(required ? "required" : "not required") +
+                           "\nerror: " + ensureError() + "\n";
+                }),
+                ::testing::ExitedWithCode(0),
+                ::testing::Eq("required\nerror: Unable to create Quor cache root '" +
+                              lockDirectory.native() + "': Permission denied\n"));
     EXPECT_FALSE(fs::exists(cache / ".first-launch"));
 }
 
@@ -132,7 +136,8 @@ TEST_F(HostileInput, LockFileOfAnotherUserFailsWithTheLockMessage) {
     fs::permissions(cache, fs::perms::all, fs::perm_options::add); // writable for the child
     const std::string expected =
         "Unable to lock Quor standard-library cache '" + lockFile().native() + "'";
-    EXPECT_EQ(runAsNobody([&] { return ensureError() == expected ? 0 : 1; }), 0);
+    EXPECT_EXIT(testsupport::reportAsNobody([&] { return "error: " + ensureError() + "\n"; }),
+                ::testing::ExitedWithCode(0), ::testing::Eq("error: " + expected + "\n"));
     EXPECT_FALSE(fs::exists(markerPathOf(cache)));
 }
 
@@ -145,15 +150,16 @@ TEST_F(HostileInput, UnreadableLibraryFolderIsSkippedAndTheRestIsBuilt) {
     // would be refused before the walk.
     fs::create_directories(cache);
     ASSERT_EQ(::chown(cache.c_str(), 65534, 65534), 0);
-    const int status = runAsNobody([&] {
-        const compiler::StandardLibraryBootstrapResult result =
-            StandardLibraryBootstrap::ensure({});
-        return result.bootstrapped && result.total == compiled.size() &&
-                       markerValid(cache, fingerprint)
-                   ? 0
-                   : 1;
-    });
-    EXPECT_EQ(status, 0);
+    EXPECT_EXIT(
+        testsupport::reportAsNobody([&] {
+            const compiler::StandardLibraryBootstrapResult result =
+                StandardLibraryBootstrap::ensure({});
+            return std::string(result.bootstrapped ? "built " : "not built ") +
+                   std::to_string(result.total) + " units, marker " +
+                   (markerValid(cache, fingerprint) ? "valid" : "not valid") + "\n";
+        }),
+        ::testing::ExitedWithCode(0),
+        ::testing::Eq("built " + std::to_string(compiled.size()) + " units, marker valid\n"));
     EXPECT_FALSE(fs::exists(libCacheOf(cache) / "secret" / "Hidden.qo"));
     EXPECT_TRUE(markerValid(cache, fingerprint));
 }

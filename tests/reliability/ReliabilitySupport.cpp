@@ -2,8 +2,8 @@
 
 #include "tests/reliability/ReliabilitySupport.h"
 
-#include <grp.h>
-#include <sys/wait.h>
+#include "ChildChecks.h"
+
 #include <unistd.h>
 
 #include <cstdlib>
@@ -75,10 +75,7 @@ pid_t startAsNobody(const std::function<int()>& work) {
         throw std::runtime_error("fork failed");
     }
     if (child == 0) {
-        const gid_t nogroup = 65534;
-        if (::setgroups(1, &nogroup) != 0 || ::setgid(65534) != 0 || ::setuid(65534) != 0) {
-            ::_exit(254);
-        }
+        testsupport::becomeUser(testsupport::kNobody);
         int status = 255;
         try {
             status = work();
@@ -88,17 +85,6 @@ pid_t startAsNobody(const std::function<int()>& work) {
         ::_exit(status);
     }
     return child;
-}
-
-int runAsNobody(const std::function<int()>& check) {
-    const pid_t child = startAsNobody(check);
-    int status = 0;
-    while (::waitpid(child, &status, 0) < 0) {
-    }
-    if (WIFSIGNALED(status)) {
-        return 128 + WTERMSIG(status);
-    }
-    return WEXITSTATUS(status);
 }
 
 } // namespace quor::reliability

@@ -1,6 +1,6 @@
 // Shared helpers of the reliability suite: scratch directories, whole-file
-// reads and writes, the counts and seed a run uses, and running a check as an
-// unprivileged user in a child process.
+// reads and writes, the counts and seed a run uses, and an unprivileged user's
+// process that acts while the test runs.
 //
 // Counts: every harness has a reduced count, run by ctest in every build, and
 // a full count, run when QUOR_STRESS=full (what `make stress` sets). A count can
@@ -52,16 +52,12 @@ void writeFile(const std::filesystem::path& file, std::string_view bytes);
 // The whole content of `file`; throws std::runtime_error when it cannot be read.
 std::string readFile(const std::filesystem::path& file);
 
-// Runs `check` in a forked child that has dropped to uid and gid 65534, and
-// returns the child's exit status (the value `check` returned, or 255 when it
-// threw, or 128 + signal when it died). Root passes every permission check, so
-// permission behaviour can only be observed this way.
-int runAsNobody(const std::function<int()>& check);
-
 // Starts `work` in a forked child that has dropped to uid and gid 65534 and
 // returns the child's pid at once, for an unprivileged process that has to act
 // while something else runs. The child exits with the value `work` returned,
-// 255 when it threw, or 254 when it could not drop its privileges.
+// 255 when it threw, or 254 when it could not drop its privileges (the reason
+// on its standard error). Root passes every permission check, so permission
+// behaviour can only be observed this way.
 pid_t startAsNobody(const std::function<int()>& work);
 
 } // namespace quor::reliability

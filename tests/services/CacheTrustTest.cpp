@@ -8,11 +8,11 @@
 #include "compiler/StandardLibraryBootstrap.h"
 #include "tests/services/ServicesTestSupport.h"
 
+#include "ChildChecks.h"
+
 #include <gtest/gtest.h>
 
-#include <grp.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <functional>
@@ -27,26 +27,9 @@ using compiler::Compiler;
 using compiler::StandardLibraryBootstrap;
 using compiler::UntrustedCacheError;
 using compiler::verifyCacheRoot;
+using testsupport::outcomeOf;
+using testsupport::reportAsNobody;
 using Kind = CacheLayoutEntry::Kind;
-
-// Runs `body` in a child as uid and gid 65534 and returns its exit status.
-int asNobody(const std::function<int()>& body) {
-    const pid_t child = ::fork();
-    if (child == 0) {
-        const gid_t group = 65534;
-        if (::setgroups(1, &group) != 0 || ::setgid(65534) != 0 || ::setuid(65534) != 0)
-            ::_exit(254);
-        int status = 255;
-        try {
-            status = body();
-        } catch (...) {
-        }
-        ::_exit(status);
-    }
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
 
 std::string refusal(const std::function<void()>& call) {
     try {
@@ -111,7 +94,8 @@ TEST_F(CacheTrustTest, DirectoryOnTheWayWritableByOthersWithoutStickyBitIsRefuse
 
 TEST_F(CacheTrustTest, CacheRootOfAnotherUserInASharedStickyDirectoryIsRefused) {
     const fs::path theirs = shared() / "cache";
-    ASSERT_EQ(asNobody([&] { return ::mkdir(theirs.c_str(), 0755) == 0 ? 0 : 1; }), 0);
+    ASSERT_EXIT(reportAsNobody([&] { return outcomeOf(::mkdir(theirs.c_str(), 0755)); }),
+                ::testing::ExitedWithCode(0), ::testing::Eq("ok\n"));
     EXPECT_EQ(refusal([&] { verifyCacheRoot(theirs, {}, true); }),
               "Refusing to use Quor cache root '" + theirs.native() + "': '" + theirs.native() +
                   "' is a directory that belongs to uid 65534; choose a cache root that you own");
@@ -119,7 +103,8 @@ TEST_F(CacheTrustTest, CacheRootOfAnotherUserInASharedStickyDirectoryIsRefused) 
 
 TEST_F(CacheTrustTest, LinkOfAnotherUserOnTheWayIsRefusedBeforeItIsFollowed) {
     const fs::path link = shared() / "link";
-    ASSERT_EQ(asNobody([&] { return ::symlink(root().c_str(), link.c_str()) == 0 ? 0 : 1; }), 0);
+    ASSERT_EXIT(reportAsNobody([&] { return outcomeOf(::symlink(root().c_str(), link.c_str())); }),
+                ::testing::ExitedWithCode(0), ::testing::Eq("ok\n"));
     EXPECT_EQ(refusal([&] { verifyCacheRoot(link / "cache", {}, true); }),
               "Refusing to use Quor cache root '" + (link / "cache").native() + "': '" +
                   link.native() +
@@ -181,13 +166,14 @@ TEST_F(CacheTrustTest, FileOfAnotherUserInsideIsRefused) {
 
 TEST_F(CacheTrustTest, CacheRootOwnedByRootIsReadOnlyForOthersAndNothingIsCreated) {
     fs::create_directories(root());
-    const int status = asNobody([&] {
-        const auto access = verifyCacheRoot(root(), {{root() / "0.1.6", Kind::Directory}}, true);
-        if (access != CacheAccess::ReadOnly)
-            return 1;
-        return fs::exists(root() / "0.1.6") ? 2 : 0;
-    });
-    EXPECT_EQ(status, 0);
+    EXPECT_EXIT(reportAsNobody([&] {
+                    const auto access =
+                        verifyCacheRoot(root(), {{root() / "0.1.6", Kind::Directory}}, true);
+                    return std::string(access == CacheAccess::ReadOnly ? "read-only" : "writable") +
+                           (fs::exists(root() / "0.1.6") ? ", layout created\n"
+                                                         : ", nothing created\n");
+                }),
+                ::testing::ExitedWithCode(0), ::testing::Eq("read-only, nothing created\n"));
 }
 
 // A newer compiler that prunes this version while it is being built removes

@@ -2,39 +2,20 @@
 
 #include "tests/services/ChildProcess.h"
 
+#include "ChildChecks.h"
+
 #include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <exception>
 #include <fcntl.h>
 #include <filesystem>
-#include <grp.h>
 #include <poll.h>
 #include <stdexcept>
 #include <sys/wait.h>
 #include <unistd.h>
 
 namespace quor::test {
-
-namespace {
-
-constexpr uid_t nobody = 65534;
-
-void writeAll(int fd, const std::string& text) {
-    std::size_t written = 0;
-    while (written < text.size()) {
-        const ssize_t count = ::write(fd, text.data() + written, text.size() - written);
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count <= 0) {
-            return; // the parent stopped listening; the exit status still tells
-        }
-        written += static_cast<std::size_t>(count);
-    }
-}
-
-} // namespace
 
 std::ostream& operator<<(std::ostream& stream, const ChildResult& result) {
     return stream << "child status " << result.status
@@ -65,7 +46,7 @@ ChildResult runInChild(const std::function<int(std::string& report)>& body,
         } catch (...) {
             report += "uncaught exception of another type\n";
         }
-        writeAll(channel[1], report);
+        testsupport::writeAll(channel[1], report);
         ::_exit(code); // no test-framework or static destructors in the child
     }
     ::close(channel[1]);
@@ -113,10 +94,7 @@ ChildResult runInChild(const std::function<int(std::string& report)>& body,
 }
 
 bool becomeNobody(rlim_t processes, std::string& report) {
-    if (::setgroups(0, nullptr) != 0 || ::setgid(nobody) != 0 || ::setuid(nobody) != 0) {
-        report += std::string("cannot become uid 65534: ") + std::strerror(errno) + "\n";
-        return false;
-    }
+    testsupport::becomeUser(testsupport::kNobody);
     const rlimit limit{processes, processes};
     if (::setrlimit(RLIMIT_NPROC, &limit) != 0) {
         report += std::string("cannot set RLIMIT_NPROC: ") + std::strerror(errno) + "\n";
@@ -127,11 +105,11 @@ bool becomeNobody(rlim_t processes, std::string& report) {
 
 void giveToNobody(const std::string& path) {
     namespace fs = std::filesystem;
-    if (::lchown(path.c_str(), nobody, nobody) != 0) {
+    if (::lchown(path.c_str(), testsupport::kNobody, testsupport::kNobody) != 0) {
         throw std::runtime_error("lchown failed for " + path);
     }
     for (const auto& entry : fs::recursive_directory_iterator(path)) {
-        if (::lchown(entry.path().c_str(), nobody, nobody) != 0) {
+        if (::lchown(entry.path().c_str(), testsupport::kNobody, testsupport::kNobody) != 0) {
             throw std::runtime_error("lchown failed for " + entry.path().native());
         }
     }

@@ -32,8 +32,9 @@ ChildResult runInChild(const std::function<int(std::string& report)>& body,
                        std::chrono::milliseconds deadline);
 
 // In a child: drops root for uid and gid 65534 and sets RLIMIT_NPROC to
-// `processes`, which only binds a user that is not root. False, with the
-// reason in `report`, when that fails.
+// `processes`, which only binds a user that is not root. A child that cannot
+// change its user ends at once (testsupport::becomeUser); false, with the
+// reason in `report`, when the limit cannot be set.
 bool becomeNobody(rlim_t processes, std::string& report);
 
 // Hands `path` and everything below it to uid and gid 65534.

@@ -7,6 +7,8 @@
 #include "Console.h"
 #include "ToolTestSupport.h"
 
+#include "ChildChecks.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -16,7 +18,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <functional>
-#include <grp.h>
 #include <map>
 #include <poll.h>
 #include <pthread.h>
@@ -33,7 +34,7 @@ namespace {
 using namespace std::chrono_literals;
 using nlohmann::json;
 
-constexpr uid_t nobody = 65534;
+constexpr uid_t nobody = testsupport::kNobody;
 
 // How the child's standard output is connected.
 enum class Output {
@@ -265,15 +266,14 @@ void giveToNobody(const fs::path& root) {
         ASSERT_EQ(lchown(entry.path().c_str(), nobody, nobody), 0) << entry.path();
 }
 
-// Exit statuses of the child before exec, chosen outside the tool's own.
-constexpr int cannotDropPrivileges = 90;
+// Exit statuses of the child before exec, chosen outside the tool's own
+// (testsupport::kCannotChangeUser is too).
 constexpr int cannotLimitProcesses = 91;
 constexpr int threadsStillStart = 92;
 
-// In the forked child: become nobody.
+// In the forked child: become nobody, or end with the reason on standard error.
 int becomeNobody() {
-    if (setgroups(0, nullptr) != 0 || setgid(nobody) != 0 || setuid(nobody) != 0)
-        return cannotDropPrivileges;
+    testsupport::becomeUser(testsupport::kNobody);
     return 0;
 }
 
@@ -305,7 +305,7 @@ TEST(NoThreads, EnsureBuildsOnTheCallingThread) {
                                 .home = sandbox.path(),
                                 .environment = withoutThreadsEnvironment,
                                 .inChild = becomeNobodyWithoutThreads});
-    ASSERT_NE(run.status, cannotDropPrivileges);
+    ASSERT_NE(run.status, testsupport::kCannotChangeUser) << run.err;
     ASSERT_NE(run.status, cannotLimitProcesses);
     ASSERT_NE(run.status, threadsStillStart) << "RLIMIT_NPROC did not stop thread creation";
     EXPECT_EQ(run.err.find("terminate called"), std::string::npos) << run.err;

@@ -37,8 +37,9 @@ struct ExecArguments {
     std::vector<char*> argv;
     std::vector<char*> envp;
 
-    ExecArguments(const std::vector<std::string>& arguments, const fs::path& home)
-        : environmentText(toolEnvironment(home)) {
+    ExecArguments(const std::vector<std::string>& arguments, const fs::path& home,
+                  const std::vector<std::string>& extra = {})
+        : environmentText(toolEnvironment(home, extra)) {
         argumentText.push_back(QUOR_STDLIB_TOOL_PATH);
         argumentText.insert(argumentText.end(), arguments.begin(), arguments.end());
         for (auto& text : argumentText)
@@ -138,13 +139,15 @@ std::vector<std::string> Sandbox::arguments(std::vector<std::string> arguments) 
     return result;
 }
 
-ToolRun runTool(const std::vector<std::string>& arguments, const fs::path& home) {
-    ToolProcess process(arguments, home);
+ToolRun runTool(const std::vector<std::string>& arguments, const fs::path& home,
+                const std::vector<std::string>& extra) {
+    ToolProcess process(arguments, home, extra);
     return process.finish();
 }
 
-ToolProcess::ToolProcess(const std::vector<std::string>& arguments, const fs::path& home) {
-    ExecArguments exec(arguments, home);
+ToolProcess::ToolProcess(const std::vector<std::string>& arguments, const fs::path& home,
+                         const std::vector<std::string>& extra) {
+    ExecArguments exec(arguments, home, extra);
     int outPipe[2], errPipe[2];
     if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0)
         throw std::runtime_error("pipe failed");

@@ -64,14 +64,16 @@ struct ToolRun {
     double seconds = 0.0;
 };
 
-// Runs the built tool with `arguments` and waits for it. QUOR_* variables are
-// removed from its environment, NO_COLOR is set, HOME points at `home`.
-ToolRun runTool(const std::vector<std::string>& arguments, const fs::path& home);
+// Runs the built tool with `arguments` and waits for it, in the environment
+// toolEnvironment(home, extra) gives.
+ToolRun runTool(const std::vector<std::string>& arguments, const fs::path& home,
+                const std::vector<std::string>& extra = {});
 
 // The tool started in the background with its standard error read as it comes.
 class ToolProcess {
 public:
-    ToolProcess(const std::vector<std::string>& arguments, const fs::path& home);
+    ToolProcess(const std::vector<std::string>& arguments, const fs::path& home,
+                const std::vector<std::string>& extra = {});
     ~ToolProcess(); // kills the process if it is still running
     ToolProcess(const ToolProcess&) = delete;
     ToolProcess& operator=(const ToolProcess&) = delete;

@@ -7,11 +7,12 @@
 
 #include "ToolTestSupport.h"
 
+#include "ChildChecks.h"
+
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include <fcntl.h>
-#include <grp.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -25,26 +26,7 @@
 namespace quor::tooltest {
 namespace {
 
-constexpr uid_t nobody = 65534;
-
-// Runs `body` in a child as uid and gid `uid` and returns its exit status.
-int runAs(uid_t uid, const std::function<int()>& body) {
-    const pid_t child = ::fork();
-    if (child == 0) {
-        const gid_t group = uid;
-        if (::setgroups(1, &group) != 0 || ::setgid(uid) != 0 || ::setuid(uid) != 0)
-            ::_exit(254);
-        int status = 255;
-        try {
-            status = body();
-        } catch (...) {
-        }
-        ::_exit(status);
-    }
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
+constexpr uid_t nobody = testsupport::kNobody;
 
 // The built tool run as `uid`, its output read back from files in `scratch`.
 ToolRun runToolAs(uid_t uid, const std::vector<std::string>& arguments,
@@ -58,9 +40,7 @@ ToolRun runToolAs(uid_t uid, const std::vector<std::string>& arguments,
         const int errFd = ::open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         if (outFd < 0 || errFd < 0 || ::dup2(outFd, 1) < 0 || ::dup2(errFd, 2) < 0)
             ::_exit(253);
-        const gid_t group = uid;
-        if (::setgroups(1, &group) != 0 || ::setgid(uid) != 0 || ::setuid(uid) != 0)
-            ::_exit(254);
+        testsupport::becomeUser(uid);
         std::vector<std::string> words{QUOR_STDLIB_TOOL_PATH};
         words.insert(words.end(), arguments.begin(), arguments.end());
         std::vector<char*> argv;
@@ -124,7 +104,10 @@ protected:
         return entries;
     }
     void plantAsNobody(const std::function<int()>& scene) {
-        ASSERT_EQ(runAs(nobody, scene), 0) << "the other user could not prepare the scene";
+        ASSERT_EXIT(testsupport::reportAsNobody(
+                        [&] { return "scene set with status " + std::to_string(scene()) + "\n"; }),
+                    ::testing::ExitedWithCode(0), ::testing::Eq("scene set with status 0\n"))
+            << "the other user could not prepare the scene";
     }
 
     Sandbox sandbox_;
@@ -346,23 +329,29 @@ TEST_F(ToolTrust, LooseUmaskStillLeavesNothingWritableByOthers) {
     EXPECT_EQ(runTool(with(root, {"status", "--check"}), home()).status, 0);
 }
 
+// In a child: creates `deep`, below `library`, with a unit "Deep.qr" in it,
+// and reports how that went. One step at a time, changing the working
+// directory: the full path is too long for mkdir.
+std::string makeUnitBelow(const fs::path& library, const fs::path& deep) {
+    if (::chdir(library.c_str()) != 0)
+        return "library: " + testsupport::outcomeOf(-1);
+    for (const auto& element : deep.lexically_relative(library))
+        if (::mkdir(element.c_str(), 0755) != 0 || ::chdir(element.c_str()) != 0)
+            return "a folder on the way: " + testsupport::outcomeOf(-1);
+    const int fd = ::open("Deep.qr", O_WRONLY | O_CREAT, 0644);
+    const bool written = fd >= 0 && ::write(fd, "package deep\n", 13) == 13 && ::close(fd) == 0;
+    return "Deep.qr: " + testsupport::outcomeOf(written ? 0 : -1);
+}
+
 // The bootstrap's walk passes over a unit whose path is too long to examine and
 // a folder it may not read, in silence; `status` says what was passed over.
 TEST_F(ToolTrust, StatusNamesAUnitWhosePathIsTooLongToReach) {
     fs::path deep = sandbox_.library();
     while (deep.native().size() < PATH_MAX)
         deep /= std::string(200, 'd');
-    const int made = runAs(0, [&] {
-        // Below PATH_MAX one step at a time: the full path is too long for mkdir.
-        if (::chdir(sandbox_.library().c_str()) != 0)
-            return 1;
-        for (const auto& element : deep.lexically_relative(sandbox_.library()))
-            if (::mkdir(element.c_str(), 0755) != 0 || ::chdir(element.c_str()) != 0)
-                return 1;
-        const int fd = ::open("Deep.qr", O_WRONLY | O_CREAT, 0644);
-        return fd >= 0 && ::write(fd, "package deep\n", 13) == 13 && ::close(fd) == 0 ? 0 : 1;
-    });
-    ASSERT_EQ(made, 0);
+    // In a child of its own: the way down changes its working directory.
+    ASSERT_EXIT(testsupport::reportAs(0, [&] { return makeUnitBelow(sandbox_.library(), deep); }),
+                ::testing::ExitedWithCode(0), ::testing::Eq("Deep.qr: ok\n"));
     const ToolRun text = runTool(sandbox_.arguments({"status"}), home());
     EXPECT_EQ(text.status, 0) << text.err;
     EXPECT_NE(text.out.find("  unreachable       1 entry of the library that the build passes "
