@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <csignal>
 #include <grp.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -196,6 +197,26 @@ TEST_F(PruneCommand, ALinkInsideAnOldVersionIsRemovedAndNeverFollowed) {
     EXPECT_FALSE(fs::exists(fs::symlink_status(sandbox.cacheRoot() / "0.1.5")));
     EXPECT_FALSE(fs::exists(fs::symlink_status(sandbox.cacheRoot() / "0.0.9")));
     EXPECT_EQ(readFile(outside / "keep.txt"), "outside the root");
+    expectUntouched();
+}
+
+// Ctrl-C ends prune wherever it is; the next prune finds what is left, still
+// listed as old versions, and finishes the job.
+TEST_F(PruneCommand, AfterCtrlCTheNextPruneFinishesTheJob) {
+    addFiles(sandbox.cacheRoot() / "0.1.5");
+    {
+        ToolProcess prune(sandbox.arguments({"prune"}), sandbox.path());
+        // The listing is out once the size walk is done; the removal follows.
+        prune.waitForOutput("0.1.5", std::chrono::seconds(30));
+        ASSERT_EQ(kill(prune.pid(), SIGINT), 0);
+        const ToolRun stopped = prune.finish();
+        EXPECT_TRUE(stopped.status == 128 + SIGINT || stopped.status == 0) << stopped.status;
+    }
+    const ToolRun again = runTool(sandbox.arguments({"--json", "prune"}), sandbox.path());
+    ASSERT_EQ(again.status, 0) << again.err;
+    EXPECT_FALSE(fs::exists(sandbox.cacheRoot() / "0.1.5"));
+    EXPECT_FALSE(fs::exists(sandbox.cacheRoot() / ".first-launch" / "0.1.5"));
+    EXPECT_FALSE(fs::exists(sandbox.cacheRoot() / "0.0.9"));
     expectUntouched();
 }
 

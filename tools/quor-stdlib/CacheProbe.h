@@ -129,7 +129,9 @@ std::vector<std::string> compilableUnits(const std::filesystem::path& root,
 // below it, counted like du (links are not followed, entries that cannot be
 // examined count as zero), and how many of the entries below it are not
 // directories. The walk goes by descriptor, one directory relative to the
-// next, and stats each entry once by its name in its directory.
+// next, stats each entry once by its name in its directory, and runs on as
+// many threads as there are cores, up to four (one when no thread can be
+// started).
 struct TreeSize {
     std::uint64_t bytes = 0;
     std::uint64_t files = 0;

@@ -30,7 +30,6 @@ namespace fs = std::filesystem;
 struct Candidate {
     fs::path path;
     std::uint64_t bytes = 0; // the version's cache and its first-launch state
-    std::uint64_t files = 0; // the files below its cache directory
 };
 
 std::string plural(std::size_t count, std::string_view one, std::string_view many) {
@@ -99,7 +98,7 @@ int runPrune(const Invocation& invocation, Console& console) {
         for (const auto& path :
              compiler::StandardLibraryBootstrap::olderCacheVersions(root, version)) {
             const VersionSize size = versionSize(root, path.filename().string());
-            candidates.push_back({path, size.bytes, size.cacheFiles});
+            candidates.push_back({path, size.bytes});
             listedBytes += size.bytes;
             listedFiles += size.cacheFiles;
         }
