@@ -320,6 +320,37 @@ TEST(NoThreads, EnsureBuildsOnTheCallingThread) {
         << run.out;
 }
 
+// The size walk shares its work among threads when it can; without any, the
+// calling thread walks alone and counts the same.
+TEST(NoThreads, StatusAndPruneStillSizeAndRemoveOldVersions) {
+    Sandbox sandbox;
+    for (int index = 0; index < 300; ++index)
+        writeFile(sandbox.cacheRoot() / "0.1.5" / "lib" / ("pkg" + std::to_string(index / 30)) /
+                      ("Unit" + std::to_string(index) + ".qo"),
+                  std::string(5000, 'o'));
+    giveToNobody(sandbox.path());
+    const ToolRun status = launch({.arguments = sandbox.arguments({"--json", "status"}),
+                                   .home = sandbox.path(),
+                                   .environment = withoutThreadsEnvironment,
+                                   .inChild = becomeNobodyWithoutThreads});
+    ASSERT_NE(status.status, threadsStillStart) << "RLIMIT_NPROC did not stop thread creation";
+    ASSERT_EQ(status.status, 0) << status.err;
+    const json listed = json::parse(status.out)["olderVersions"];
+    ASSERT_EQ(listed.size(), 1u) << status.out;
+    // 300 files of two 4 KiB blocks each, at the least.
+    EXPECT_GE(listed[0]["bytes"].get<std::uint64_t>(), 300u * 8192);
+
+    const ToolRun prune = launch({.arguments = sandbox.arguments({"--json", "prune"}),
+                                  .home = sandbox.path(),
+                                  .environment = withoutThreadsEnvironment,
+                                  .inChild = becomeNobodyWithoutThreads});
+    ASSERT_EQ(prune.status, 0) << prune.err;
+    const json report = json::parse(prune.out);
+    EXPECT_EQ(report["olderVersions"][0]["bytes"], listed[0]["bytes"]);
+    EXPECT_EQ(report["removed"], 1);
+    EXPECT_FALSE(fs::exists(sandbox.cacheRoot() / "0.1.5"));
+}
+
 TEST(NoThreads, TimeoutStillEndsTheLockWait) {
     Sandbox sandbox;
     LockHolderProcess holder(sandbox.lockFile());

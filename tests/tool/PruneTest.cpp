@@ -1,11 +1,18 @@
 // `quor-stdlib prune` run as a process on a cache root that holds older and
 // newer versions, the current one, a symbolic link named like a version and a
-// folder that is not a version.
+// folder that is not a version; its line on a terminal and its silence
+// elsewhere; and a cache root that is not a directory.
 
 #include "ToolTestSupport.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <csignal>
+#include <grp.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace quor::tooltest {
 namespace {
@@ -87,6 +94,226 @@ TEST_F(PruneCommand, TextOutputCountsAndSizes) {
     ASSERT_EQ(run.status, 0) << run.err;
     EXPECT_NE(run.out.find("removed 2 older versions, freed "), std::string::npos) << run.out;
     EXPECT_NE(run.out.find("KiB"), std::string::npos) << run.out;
+}
+
+// Files enough in 0.1.5 for the removal to draw more than its first frame.
+constexpr std::size_t manyFiles = 3000;
+// Those, with the one object of 0.1.5 and the one of 0.0.9 made by SetUp.
+constexpr std::size_t filesToRemove = manyFiles + 2;
+
+void addFiles(const fs::path& version) {
+    for (std::size_t index = 0; index < manyFiles; ++index)
+        writeFile(version / "lib" / ("pkg" + std::to_string(index / 100)) /
+                      ("Unit" + std::to_string(index) + ".qo"),
+                  "object");
+}
+
+// What the terminal showed between one "\r\033[K" (go to the line's start,
+// erase it) and the next: the frames of the progress line. What follows the
+// last one, the final erase, is not a frame.
+std::vector<std::string> frames(const std::string& screen) {
+    const std::string redraw = "\r\033[K";
+    std::vector<std::string> shown;
+    auto at = screen.find(redraw);
+    while (at != std::string::npos) {
+        const auto begin = at + redraw.size();
+        at = screen.find(redraw, begin);
+        if (at != std::string::npos)
+            shown.push_back(screen.substr(begin, at - begin));
+    }
+    return shown;
+}
+
+TEST_F(PruneCommand, OnATerminalTheFilesAreCountedAsTheyGo) {
+    addFiles(sandbox.cacheRoot() / "0.1.5");
+    const ToolRun run = runToolOnTerminal(sandbox.arguments({"prune"}), sandbox.path(), 100);
+    ASSERT_EQ(run.status, 0) << run.out;
+    const std::vector<std::string> shown = frames(run.out);
+    const std::string all = std::to_string(filesToRemove);
+    // Each version announced as its files start to go, and the last frame
+    // drawn whatever the rate.
+    EXPECT_TRUE(std::any_of(shown.begin(), shown.end(), [](const std::string& frame) {
+        return frame.find("removing 0.0.9") != std::string::npos;
+    })) << run.out;
+    const auto last = std::find_if(shown.begin(), shown.end(), [&](const std::string& frame) {
+        return frame.find(all + "/" + all + " 100%") != std::string::npos;
+    });
+    ASSERT_NE(last, shown.end()) << run.out;
+    EXPECT_NE(last->find("removing 0.1.5"), std::string::npos) << *last;
+    EXPECT_EQ(last->find('['), 0u) << *last;
+    // Then the line is erased, and the summary follows on a clean line.
+    EXPECT_EQ(shown.back(), *last) << run.out;
+    const std::string erase = "\r\033[K";
+    EXPECT_EQ(run.out.substr(run.out.rfind(erase) + erase.size())
+                  .find("removed 2 older versions, freed "),
+              0u)
+        << run.out;
+    EXPECT_FALSE(fs::exists(sandbox.cacheRoot() / "0.1.5"));
+    EXPECT_FALSE(fs::exists(sandbox.cacheRoot() / ".first-launch" / "0.1.5"));
+    expectUntouched();
+}
+
+TEST_F(PruneCommand, OnANarrowTerminalEveryFrameFitsItsWidth) {
+    addFiles(sandbox.cacheRoot() / "0.1.5");
+    const ToolRun run = runToolOnTerminal(sandbox.arguments({"prune"}), sandbox.path(), 40);
+    ASSERT_EQ(run.status, 0) << run.out;
+    const std::vector<std::string> shown = frames(run.out);
+    ASSERT_GE(shown.size(), 3u) << run.out;
+    for (const std::string& frame : shown)
+        EXPECT_LE(frame.size(), 39u) << frame;
+    const std::string all = std::to_string(filesToRemove);
+    EXPECT_TRUE(std::any_of(shown.begin(), shown.end(), [&](const std::string& frame) {
+        return frame.find(all + "/" + all + " 100%") != std::string::npos;
+    })) << run.out;
+}
+
+TEST_F(PruneCommand, PipedOrAsJsonThereIsNoProgressLine) {
+    addFiles(sandbox.cacheRoot() / "0.1.5");
+    const ToolRun piped = runTool(sandbox.arguments({"prune"}), sandbox.path());
+    ASSERT_EQ(piped.status, 0) << piped.err;
+    EXPECT_EQ(piped.err, "");
+    EXPECT_EQ(piped.out.find('\r'), std::string::npos) << piped.out;
+    EXPECT_EQ(piped.out.find("removing"), std::string::npos) << piped.out;
+    EXPECT_NE(piped.out.find("removed 2 older versions"), std::string::npos) << piped.out;
+
+    // On a terminal, --json and --quiet keep it off as well.
+    for (const char* option : {"--json", "--quiet"}) {
+        writeFile(sandbox.cacheRoot() / "0.1.2" / "lib" / "Prelude.qo", "older still");
+        const ToolRun run =
+            runToolOnTerminal(sandbox.arguments({option, "prune"}), sandbox.path(), 100);
+        ASSERT_EQ(run.status, 0) << run.out;
+        EXPECT_EQ(run.out.find("\033[K"), std::string::npos) << option << ": " << run.out;
+        EXPECT_EQ(run.out.find("removing"), std::string::npos) << option << ": " << run.out;
+        EXPECT_FALSE(fs::exists(sandbox.cacheRoot() / "0.1.2")) << option;
+    }
+}
+
+TEST_F(PruneCommand, ALinkInsideAnOldVersionIsRemovedAndNeverFollowed) {
+    const fs::path outside = sandbox.path() / "elsewhere";
+    fs::create_directory_symlink(outside, sandbox.cacheRoot() / "0.1.5" / "lib" / "linked");
+    fs::create_symlink(outside / "keep.txt", sandbox.cacheRoot() / "0.0.9" / "keep.txt");
+    const ToolRun run = runTool(sandbox.arguments({"prune"}), sandbox.path());
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_FALSE(fs::exists(fs::symlink_status(sandbox.cacheRoot() / "0.1.5")));
+    EXPECT_FALSE(fs::exists(fs::symlink_status(sandbox.cacheRoot() / "0.0.9")));
+    EXPECT_EQ(readFile(outside / "keep.txt"), "outside the root");
+    expectUntouched();
+}
+
+// Ctrl-C ends prune wherever it is; the next prune finds what is left, still
+// listed as old versions, and finishes the job.
+TEST_F(PruneCommand, AfterCtrlCTheNextPruneFinishesTheJob) {
+    addFiles(sandbox.cacheRoot() / "0.1.5");
+    {
+        ToolProcess prune(sandbox.arguments({"prune"}), sandbox.path());
+        // The listing is out once the size walk is done; the removal follows.
+        prune.waitForOutput("0.1.5", std::chrono::seconds(30));
+        ASSERT_EQ(kill(prune.pid(), SIGINT), 0);
+        const ToolRun stopped = prune.finish();
+        EXPECT_TRUE(stopped.status == 128 + SIGINT || stopped.status == 0) << stopped.status;
+    }
+    const ToolRun again = runTool(sandbox.arguments({"--json", "prune"}), sandbox.path());
+    ASSERT_EQ(again.status, 0) << again.err;
+    EXPECT_FALSE(fs::exists(sandbox.cacheRoot() / "0.1.5"));
+    EXPECT_FALSE(fs::exists(sandbox.cacheRoot() / ".first-launch" / "0.1.5"));
+    EXPECT_FALSE(fs::exists(sandbox.cacheRoot() / "0.0.9"));
+    expectUntouched();
+}
+
+constexpr uid_t nobody = 65534;
+
+// Runs the tool as uid 65534 from a child that drops root's privileges first,
+// so that what root could delete anyway is refused. The child hands back the
+// exit status and standard error.
+ToolRun runToolAsNobody(const std::vector<std::string>& arguments, const fs::path& home) {
+    int channel[2];
+    if (pipe(channel) != 0)
+        throw std::runtime_error("pipe failed");
+    const pid_t pid = fork();
+    if (pid < 0)
+        throw std::runtime_error("fork failed");
+    if (pid == 0) {
+        close(channel[0]);
+        if (setgroups(0, nullptr) != 0 || setgid(nobody) != 0 || setuid(nobody) != 0)
+            _exit(90);
+        const ToolRun run = runTool(arguments, home);
+        const std::string text = std::to_string(run.status) + "\n" + run.err;
+        for (std::size_t written = 0; written < text.size();) {
+            const ssize_t count = write(channel[1], text.data() + written, text.size() - written);
+            if (count <= 0)
+                _exit(91);
+            written += static_cast<std::size_t>(count);
+        }
+        _exit(0);
+    }
+    close(channel[1]);
+    std::string text;
+    char buffer[4096];
+    for (ssize_t count; (count = read(channel[0], buffer, sizeof buffer)) > 0;)
+        text.append(buffer, static_cast<std::size_t>(count));
+    close(channel[0]);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
+        throw std::runtime_error("the child running the tool as nobody failed");
+    ToolRun run;
+    const auto newline = text.find('\n');
+    run.status = std::stoi(text.substr(0, newline));
+    run.err = text.substr(newline + 1);
+    return run;
+}
+
+// A file that the user may not delete stops the removal where it stands, and
+// the bootstrap reports it in its own words: the version before it is gone
+// with its first-launch state, this one keeps its first-launch state.
+TEST_F(PruneCommand, AFileThatCannotBeDeletedStopsTheRemovalInTheBootstrapsWords) {
+    for (const auto& entry : fs::recursive_directory_iterator(sandbox.path()))
+        ASSERT_EQ(lchown(entry.path().c_str(), nobody, nobody), 0) << entry.path();
+    ASSERT_EQ(lchown(sandbox.path().c_str(), nobody, nobody), 0);
+    const fs::path locked = sandbox.cacheRoot() / "0.1.5" / "lib" / "locked";
+    writeFile(locked / "object.qo", "root's");
+    const ToolRun run = runToolAsNobody(sandbox.arguments({"prune"}), sandbox.path());
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(run.err, "quor-stdlib: error: Unable to remove old Quor cache '" +
+                           (sandbox.cacheRoot() / "0.1.5").string() + "': Permission denied\n");
+    EXPECT_FALSE(fs::exists(sandbox.cacheRoot() / "0.0.9"));
+    EXPECT_TRUE(fs::exists(locked / "object.qo"));
+    EXPECT_TRUE(fs::exists(sandbox.cacheRoot() / ".first-launch" / "0.1.5"));
+}
+
+// A regular file given as the cache root is refused in the words `status`
+// and `clean` use for it, with or without --dry-run, and left as it is.
+TEST(PruneCacheRoot, ARegularFileIsRefusedAsNotADirectory) {
+    Sandbox sandbox;
+    const fs::path file = sandbox.path() / "cache-file";
+    writeFile(file, "not a cache");
+    const std::string message = "Refusing to use Quor cache root '" + file.string() + "': '" +
+                                file.string() +
+                                "' is not a directory; remove it or choose another cache root";
+    const std::vector<std::string> root = {"--stdlib", sandbox.library().string(), "--cache-root",
+                                           file.string()};
+    const auto with = [&](std::vector<std::string> more) {
+        more.insert(more.begin(), root.begin(), root.end());
+        return more;
+    };
+    for (const auto& arguments : {with({"prune"}), with({"prune", "--dry-run"})}) {
+        const ToolRun run = runTool(arguments, sandbox.path());
+        EXPECT_EQ(run.status, 1);
+        EXPECT_EQ(run.out, "");
+        EXPECT_EQ(run.err, "quor-stdlib: error: " + message + "\n");
+    }
+    const ToolRun clean = runTool(with({"clean"}), sandbox.path());
+    EXPECT_EQ(clean.status, 1);
+    EXPECT_EQ(clean.err, "quor-stdlib: error: " + message + "\n");
+
+    const ToolRun run = runTool(with({"--json", "prune"}), sandbox.path());
+    EXPECT_EQ(run.status, 1);
+    const json error = json::parse(run.out);
+    EXPECT_EQ(error["event"], "error");
+    EXPECT_EQ(error["kind"], "io");
+    EXPECT_EQ(error["message"], message);
+    EXPECT_EQ(error["exitStatus"], 1);
+    EXPECT_EQ(readFile(file), "not a cache");
 }
 
 } // namespace

@@ -125,14 +125,35 @@ std::vector<std::string> libraryUnitFiles(const std::filesystem::path& root,
 std::vector<std::string> compilableUnits(const std::filesystem::path& root,
                                          std::vector<UnreachableEntry>* unreachable = nullptr);
 
-// Bytes allocated on disk for `path` and everything below it, counted like du:
-// links are not followed and entries that cannot be examined count as zero.
+// What a tree takes: the bytes allocated on disk for `path` and everything
+// below it, counted like du (links are not followed, entries that cannot be
+// examined count as zero), and how many of the entries below it are not
+// directories. The walk goes by descriptor, one directory relative to the
+// next, stats each entry once by its name in its directory, and runs on as
+// many threads as there are cores, up to four (one when no thread can be
+// started).
+struct TreeSize {
+    std::uint64_t bytes = 0;
+    std::uint64_t files = 0;
+};
+TreeSize treeSize(const std::filesystem::path& path);
+
+// treeSize(path).bytes.
 std::uint64_t diskUsage(const std::filesystem::path& path);
 
 // What one compiler version takes below `cacheRoot`: its cache directory
 // (<root>/<version>: library cache and set-aside objects) and its first-launch
-// state (<root>/.first-launch/<version>), counted with diskUsage(). The one size
-// `status` and `prune` show for a version.
+// state (<root>/.first-launch/<version>), counted with treeSize(). `bytes` is
+// the one size `status`, `prune` and `clean` show for a version; `cacheFiles`
+// counts the files below its cache directory alone, which is what `prune`
+// shows its progress in.
+struct VersionSize {
+    std::uint64_t bytes = 0;
+    std::uint64_t cacheFiles = 0;
+};
+VersionSize versionSize(const std::filesystem::path& cacheRoot, const std::string& version);
+
+// versionSize(cacheRoot, version).bytes.
 std::uint64_t versionBytes(const std::filesystem::path& cacheRoot, const std::string& version);
 
 } // namespace quor::stdlibtool

@@ -1,4 +1,4 @@
-// The three renderings of the bootstrap's progress reports.
+// The three renderings of the bootstrap's progress reports, and prune's line.
 
 #include "Progress.h"
 
@@ -264,10 +264,8 @@ void ProgressView::waitingFor(const LockHolder& holder, const std::filesystem::p
 void ProgressView::draw(bool force) {
     if (style_ != ProgressStyle::Terminal)
         return;
-    // At most about 20 frames a second: a frame per unit of a large library
-    // wrote megabytes to the terminal, faster than anyone reads.
     const auto now = Clock::now();
-    if (!force && lineOpen_ && now - lastDraw_ < std::chrono::milliseconds(50))
+    if (!force && lineOpen_ && now - lastDraw_ < minimumFrameInterval)
         return;
     lastDraw_ = now;
     Line line;
@@ -300,6 +298,52 @@ void ProgressView::close() {
         console_.err() << "\r\033[K" << std::flush;
         lineOpen_ = false;
     }
+}
+
+RemovalProgress::RemovalProgress(Console& console, bool shown, std::uint64_t totalFiles)
+    : console_(console), shown_(shown), total_(totalFiles) {}
+
+RemovalProgress::~RemovalProgress() {
+    if (lineOpen_)
+        console_.err() << "\r\033[K" << std::flush;
+}
+
+void RemovalProgress::removing(const std::string& version) {
+    // A version name is a directory name; made visible before the line is
+    // cut to the terminal's width.
+    label_ = "removing " + visible(version);
+    draw(true);
+}
+
+void RemovalProgress::removedFile() {
+    ++removed_;
+    draw(false);
+}
+
+void RemovalProgress::finish() {
+    if (!shown_)
+        return;
+    draw(true);
+    console_.err() << "\r\033[K" << std::flush;
+    lineOpen_ = false;
+}
+
+void RemovalProgress::draw(bool force) {
+    if (!shown_)
+        return;
+    const auto now = Clock::now();
+    if (!force && lineOpen_ && now - lastDraw_ < minimumFrameInterval)
+        return;
+    lastDraw_ = now;
+    // Files created after the listing count too; the total never shows less
+    // than what is done.
+    const std::uint64_t total = std::max(total_, removed_);
+    console_.err() << "\r\033[K"
+                   << ProgressView::renderLine(static_cast<std::size_t>(removed_),
+                                               static_cast<std::size_t>(total), label_,
+                                               secondsSince(started_), console_.errColumns())
+                   << std::flush;
+    lineOpen_ = true;
 }
 
 } // namespace quor::stdlibtool

@@ -19,6 +19,9 @@
 // measure (compiler::reportedUnitSeconds()): the reports come in batches, so
 // the time between them would mostly be nothing, and the first would carry
 // the scan of the library.
+//
+// RemovalProgress draws `prune`'s line on the same terms: only on a terminal,
+// as often, and as narrow.
 
 #ifndef QUOR_TOOLS_QUOR_STDLIB_PROGRESS_H
 #define QUOR_TOOLS_QUOR_STDLIB_PROGRESS_H
@@ -29,6 +32,7 @@
 #include "compiler/StandardLibraryBootstrap.h"
 
 #include <chrono>
+#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <optional>
@@ -38,6 +42,11 @@
 namespace quor::stdlibtool {
 
 enum class ProgressStyle { Terminal, Plain, Json, Silent };
+
+// The shortest time between two frames of a terminal line that are not the
+// last: about 20 a second. A frame per unit or per file wrote megabytes to
+// the terminal, faster than anyone reads.
+inline constexpr std::chrono::milliseconds minimumFrameInterval{50};
 
 class ProgressView {
 public:
@@ -121,6 +130,43 @@ private:
         double seconds = 0;
     };
     std::vector<UnitTime> unitTimes_;
+};
+
+// The line `prune` redraws on standard error while it removes old versions:
+// "[####......] 12345/45600  27%  0:02 elapsed, ~0:05 left  removing 0.1.3",
+// counted in files and cut to the terminal's width like ensure's line. Drawn
+// only when `shown` (a terminal, neither --json nor --quiet); otherwise every
+// call does nothing, so that piped output stays as documented.
+class RemovalProgress {
+public:
+    using Clock = std::chrono::steady_clock;
+
+    RemovalProgress(Console& console, bool shown, std::uint64_t totalFiles);
+    ~RemovalProgress(); // erases the line if it is still there
+    RemovalProgress(const RemovalProgress&) = delete;
+    RemovalProgress& operator=(const RemovalProgress&) = delete;
+
+    // The version whose files go next; drawn at once.
+    void removing(const std::string& version);
+
+    // One more file removed; redrawn at most every minimumFrameInterval.
+    void removedFile();
+
+    // Draws the last frame, whatever the rate, then erases the line so that
+    // the summary starts on a clean line.
+    void finish();
+
+private:
+    void draw(bool force);
+
+    Console& console_;
+    bool shown_;
+    std::uint64_t total_;
+    std::uint64_t removed_ = 0;
+    std::string label_;
+    Clock::time_point started_ = Clock::now();
+    Clock::time_point lastDraw_{};
+    bool lineOpen_ = false;
 };
 
 } // namespace quor::stdlibtool

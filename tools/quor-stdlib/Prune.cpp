@@ -1,13 +1,15 @@
 // `quor-stdlib prune`: lists the caches of older compiler versions with their
 // size, and removes them through the bootstrap, which also removes their
 // first-launch state and refuses anything that is not a real version directory
-// directly under the cache root.
+// directly under the cache root. On a terminal, a line shows the files going.
 
 #include "CacheGuard.h"
 #include "CacheProbe.h"
 #include "Commands.h"
 #include "Console.h"
 #include "Failure.h"
+#include "Progress.h"
+#include "TreeRemoval.h"
 
 #include "compiler/StandardLibraryBootstrap.h"
 
@@ -15,7 +17,9 @@
 
 #include <nlohmann/json.hpp>
 
+#include <fcntl.h>
 #include <iomanip>
+#include <unistd.h>
 
 namespace quor::stdlibtool {
 
@@ -30,6 +34,49 @@ struct Candidate {
 
 std::string plural(std::size_t count, std::string_view one, std::string_view many) {
     return std::to_string(count) + " " + std::string(count == 1 ? one : many);
+}
+
+// Empties the cache directory of each candidate, in the bootstrap's order,
+// counting the files as they go; the bootstrap's removeOlderCacheVersions
+// then removes the emptied directories and their first-launch state.
+//
+// The bootstrap's removal reports nothing while it works, and a tree of tens
+// of thousands of files takes a while; its rules must stay what decides. So
+// the emptying here only goes ahead of it, under the build locks already
+// held, and keeps to those rules: a candidate is touched only when the
+// bootstrap's own test before deleting would pass (a real directory, not a
+// link, directly under the cache root as given), it is opened with O_NOFOLLOW
+// relative to the root, and nothing below it is followed (TreeRemoval.h). At
+// the first candidate that fails that test, or whose tree cannot be emptied
+// entirely, the emptying stops and leaves the rest as it is: the bootstrap
+// then meets that candidate itself and refuses it, or fails to remove it, in
+// its own words, after removing the candidates before it, exactly as it does
+// without this step. A candidate gone since the listing is passed over, as
+// the bootstrap passes over it.
+void emptyOlderVersions(const fs::path& root, const std::vector<Candidate>& candidates,
+                        RemovalProgress& progress) {
+    const fs::path normalRoot = root.lexically_normal();
+    const int rootDirectory = ::open(normalRoot.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (rootDirectory < 0)
+        return;
+    for (const auto& candidate : candidates) {
+        const fs::path target = candidate.path.lexically_normal();
+        std::error_code error;
+        const fs::file_status status = fs::symlink_status(target, error);
+        if (status.type() == fs::file_type::not_found)
+            continue;
+        if (error || target.parent_path().compare(normalRoot) != 0 ||
+            status.type() != fs::file_type::directory)
+            break;
+        const int directory = ::openat(rootDirectory, target.filename().c_str(),
+                                       O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        if (directory < 0)
+            break;
+        progress.removing(target.filename().string());
+        if (!emptyDirectory(directory, [&progress] { progress.removedFile(); }))
+            break;
+    }
+    ::close(rootDirectory); // opened read-only to work below it: closing loses nothing
 }
 
 } // namespace
@@ -47,11 +94,13 @@ int runPrune(const Invocation& invocation, Console& console) {
             throw std::runtime_error(readOnlyCacheCannotBePruned(paths));
         std::vector<Candidate> candidates;
         std::uint64_t listedBytes = 0;
+        std::uint64_t listedFiles = 0;
         for (const auto& path :
              compiler::StandardLibraryBootstrap::olderCacheVersions(root, version)) {
-            const auto bytes = versionBytes(root, path.filename().string());
-            candidates.push_back({path, bytes});
-            listedBytes += bytes;
+            const VersionSize size = versionSize(root, path.filename().string());
+            candidates.push_back({path, size.bytes});
+            listedBytes += size.bytes;
+            listedFiles += size.cacheFiles;
         }
 
         const bool text = !invocation.global.json && !invocation.global.quiet;
@@ -78,7 +127,12 @@ int runPrune(const Invocation& invocation, Console& console) {
                 versions.push_back(candidate.path);
             if (const auto busy = locks.acquire(root, versions))
                 throw std::runtime_error(busyVersionMessage(*busy));
+            // Drawn as ensure's line is: on a terminal, for people. A failure
+            // below erases it before the error is printed.
+            RemovalProgress progress(console, text && console.errIsTerminal(), listedFiles);
+            emptyOlderVersions(root, candidates, progress);
             removed = compiler::StandardLibraryBootstrap::removeOlderCacheVersions(root, version);
+            progress.finish();
             for (const auto& candidate : candidates) {
                 std::error_code error;
                 if (!fs::exists(fs::symlink_status(candidate.path, error)))
