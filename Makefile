@@ -78,7 +78,7 @@ bench:
 		-DCMAKE_BUILD_TYPE=Release -DQUOR_BUILD_BENCHMARKS=ON -DQUOR_BUILD_TESTS=OFF
 	cmake --build $(BENCH_BUILD) -j2
 	$(BENCH_BUILD)/bench/quor-bench-ready --benchmark_repetitions=9 \
-		--benchmark_report_aggregates_only=true \
+		--benchmark_enable_random_interleaving=true --benchmark_report_aggregates_only=true \
 		--benchmark_out=$(BENCH_BUILD)/ready-path.json --benchmark_out_format=json
 	python3 bench/workload.py --build-dir $(BENCH_BUILD) \
 		--ready-json $(BENCH_BUILD)/ready-path.json $(BENCH_FLAGS)

@@ -5,7 +5,8 @@ Every figure is the median of several runs set against a baseline measured in
 the same run of this script, on the same tree, a few seconds apart:
 
   1  ready path in process      (read from quor-bench-ready's JSON report)
-  2  ready path, whole process  quor-stdlib ensure   vs  a program printing a line
+  2  ready path, whole process  quor-stdlib ensure and status --check
+                                                       vs  a program printing a line
   3  collection, 20,000 units   walk + header test   vs  find | xargs cat
   4  cold ensure, 20,000 units  real precompiler     vs  cp -r; and 2 jobs vs 1
   5  16 processes at once       one build, wall time vs  one process alone
@@ -47,6 +48,7 @@ GOALS = {
     "1a": ("isRequired() on a ready cache vs two plain file reads", "<=", 1.5),
     "1b": ("ensure() on a ready cache vs two plain file reads", "<=", 1.5),
     "2": ("quor-stdlib ensure, ready cache vs a one-line C++ program", "<=", 1.3),
+    "2b": ("quor-stdlib status --check, ready cache vs the same program", "<=", 1.3),
     "3": ("collection of 20,000 units vs find | xargs cat", "<=", 1.0),
     "4a": ("cold ensure of 20,000 units vs cp -r", "<=", 1.5),
     "4b": ("speed-up of 2 jobs over 1 (cold ensure, 20,000 units)", ">=", 1.7),
@@ -139,8 +141,8 @@ class Bench:
         """Reads every file of `root` once, so that timings start from a warm page cache."""
         run(f"find {shell_quote(root)} -type f -print0 | xargs -0 cat > /dev/null", shell=True)
 
-    def hyperfine(self, name, command, runs, warmup=1, prepare=None, shell=True):
-        """Median wall time (seconds) of `command` over `runs` runs."""
+    def hyperfine_times(self, command, runs, warmup=1, prepare=None, shell=True):
+        """The wall times (seconds) of `runs` runs of `command`."""
         export = os.path.join(self.work, "hyperfine.json")
         line = ["hyperfine", "--style", "none", "--runs", str(runs), "--warmup", str(warmup),
                 "--export-json", export]
@@ -151,13 +153,36 @@ class Bench:
         line.append(command)
         run(line, stdout=subprocess.DEVNULL)
         with open(export) as stream:
-            times = json.load(stream)["results"][0]["times"]
+            return json.load(stream)["results"][0]["times"]
+
+    def record(self, name, times):
+        """Records and prints the median of `times`, and returns it."""
         median = statistics.median(times)
         self.results["measurements"][name] = {"median_s": median, "runs": len(times),
                                               "min_s": min(times), "max_s": max(times)}
         log(f"  {name:<44} median {format_seconds(median):>10}  "
             f"(min {format_seconds(min(times))}, max {format_seconds(max(times))}, {len(times)} runs)")
         return median
+
+    def hyperfine(self, name, command, runs, warmup=1, prepare=None, shell=True):
+        """Median wall time (seconds) of `command` over `runs` runs."""
+        return self.record(name, self.hyperfine_times(command, runs, warmup, prepare, shell))
+
+    def interleaved(self, commands, runs, rounds=10, warmup=20):
+        """Medians of several commands (name -> command line) measured in turns.
+
+        Each round runs every command runs/rounds times, one after the other,
+        so that a change of load on a shared machine falls on all of them alike
+        instead of on whichever command happened to run at the time.
+        """
+        times = {name: [] for name in commands}
+        per_round = max(1, runs // rounds)
+        for index in range(rounds):
+            for name, command in commands.items():
+                times[name] += self.hyperfine_times(command, per_round,
+                                                    warmup=warmup if index == 0 else 3,
+                                                    shell=False)
+        return {name: self.record(name, values) for name, values in times.items()}
 
     def figure(self, key, measured, baseline, ratio, detail=""):
         label, sense, goal = GOALS[key]
@@ -207,24 +232,34 @@ class Bench:
         if not path:
             path = os.path.join(self.build, "ready-path.json")
             run([os.path.join(self.build, "bench", "quor-bench-ready"),
-                 "--benchmark_repetitions=9", "--benchmark_report_aggregates_only=true",
+                 "--benchmark_repetitions=9", "--benchmark_enable_random_interleaving=true",
+                 "--benchmark_report_aggregates_only=true",
                  f"--benchmark_out={path}", "--benchmark_out_format=json"],
                 stdout=subprocess.DEVNULL)
         with open(path) as stream:
             report = json.load(stream)
         medians = {}
+        cpu = {}
         for entry in report["benchmarks"]:
             if entry.get("aggregate_name") == "median":
                 scale = {"ns": 1e-9, "us": 1e-6, "ms": 1e-3, "s": 1.0}[entry["time_unit"]]
                 medians[entry["run_name"]] = entry["real_time"] * scale
+                cpu[entry["run_name"]] = entry["cpu_time"] * scale
         for name, value in medians.items():
             self.results["measurements"][name] = {"median_s": value}
             log(f"  {name:<44} median {format_seconds(value):>10}")
         floor = medians["BM_Floor_TwoFileReads"]
+        # On a loaded machine the wall time mostly waits for a core; the CPU
+        # time (system calls included) is shown beside it.
+        cpu_floor = cpu["BM_Floor_TwoFileReads"]
         self.figure("1a", medians["BM_IsRequired_Ready"], floor,
                     medians["BM_IsRequired_Ready"] / floor,
-                    f"floor + stat of the root: {format_seconds(medians['BM_Floor_TwoFileReadsAndStat'])}")
-        self.figure("1b", medians["BM_Ensure_Ready"], floor, medians["BM_Ensure_Ready"] / floor)
+                    f"floor + stat of the root: {format_seconds(medians['BM_Floor_TwoFileReadsAndStat'])}; "
+                    f"CPU time {format_seconds(cpu['BM_IsRequired_Ready'])} against "
+                    f"{format_seconds(cpu_floor)} ({cpu['BM_IsRequired_Ready'] / cpu_floor:.2f}x)")
+        self.figure("1b", medians["BM_Ensure_Ready"], floor, medians["BM_Ensure_Ready"] / floor,
+                    f"CPU time {format_seconds(cpu['BM_Ensure_Ready'])} against "
+                    f"{format_seconds(cpu_floor)} ({cpu['BM_Ensure_Ready'] / cpu_floor:.2f}x)")
 
     def figure2(self):
         log("\n[2] ready path, whole process")
@@ -233,11 +268,18 @@ class Bench:
         self.cold_cache(cache)
         run([self.tool, "--stdlib", library, "--cache-root", cache, "--quiet", "ensure"])
         runs = 100 if self.quick else 300
-        tool = self.hyperfine("quor-stdlib ensure (ready)", self.tool_command(library, cache),
-                              runs, warmup=20, shell=False)
-        hello = self.hyperfine("one-line C++ program", shell_quote(self.hello), runs, warmup=20,
-                               shell=False)
+        check = " ".join([shell_quote(self.tool), "--stdlib", shell_quote(library),
+                          "--cache-root", shell_quote(cache), "status", "--check"])
+        medians = self.interleaved({
+            "quor-stdlib ensure (ready)": self.tool_command(library, cache),
+            "quor-stdlib status --check (ready)": check,
+            "one-line C++ program": shell_quote(self.hello),
+        }, runs)
+        hello = medians["one-line C++ program"]
+        tool = medians["quor-stdlib ensure (ready)"]
+        status = medians["quor-stdlib status --check (ready)"]
         self.figure("2", tool, hello, tool / hello)
+        self.figure("2b", status, hello, status / hello)
         shutil.rmtree(cache, ignore_errors=True)
 
     def figure3(self):

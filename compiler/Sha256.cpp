@@ -1,35 +1,111 @@
 // SHA-256 through libcrypto's EVP interface. The algorithm is fetched once per
 // process: an implicit fetch on every initialisation costs more than hashing a
 // typical unit.
+//
+// libcrypto is loaded on the first digest, not when the program starts. The
+// loader's relocation of libcrypto cost more than half of the instructions of
+// a whole `quor-stdlib ensure` on a ready cache, and neither that nor a
+// compiler start on a ready cache hashes anything. The program still declares
+// the functions it takes from the library through OpenSSL's own header, so a
+// signature that does not match is a compile error, and the soname is the one
+// of the major version the header belongs to.
 
 #include "compiler/Sha256.h"
 
-#include <new>
+#include <dlfcn.h>
 #include <openssl/evp.h>
+#include <openssl/opensslv.h>
+
+#include <cstring>
+#include <new>
+#include <stdexcept>
+#include <string>
 
 namespace quor::compiler {
 
 namespace {
 
-const EVP_MD* sha256Algorithm() {
-    static const EVP_MD* const algorithm = [] {
-        const EVP_MD* fetched = EVP_MD_fetch(nullptr, "SHA256", nullptr);
-        return fetched != nullptr ? fetched : EVP_sha256();
-    }();
-    return algorithm;
+#define QUOR_SHA256_TEXT(value) #value
+#define QUOR_SHA256_SONAME(major) "libcrypto.so." QUOR_SHA256_TEXT(major)
+
+constexpr const char* kLibcrypto = QUOR_SHA256_SONAME(OPENSSL_VERSION_MAJOR);
+
+// The entry points of libcrypto this file uses, resolved once per process.
+struct Libcrypto {
+    decltype(&EVP_MD_fetch) mdFetch = nullptr;
+    decltype(&EVP_sha256) sha256 = nullptr;
+    decltype(&EVP_MD_CTX_new) contextNew = nullptr;
+    decltype(&EVP_MD_CTX_free) contextFree = nullptr;
+    decltype(&EVP_DigestInit_ex) digestInit = nullptr;
+    decltype(&EVP_DigestUpdate) digestUpdate = nullptr;
+    decltype(&EVP_DigestFinal_ex) digestFinal = nullptr;
+    const EVP_MD* algorithm = nullptr;
+    std::string failure; // why the library cannot be used; empty when it can
+};
+
+// dlsym hands out an object pointer; copying its bytes into the function
+// pointer is what POSIX guarantees to work, without the cast that ISO C++
+// leaves conditionally supported.
+template <typename Function> bool resolve(void* library, const char* name, Function& function) {
+    static_assert(sizeof(Function) == sizeof(void*));
+    void* const symbol = ::dlsym(library, name);
+    std::memcpy(&function, &symbol, sizeof function);
+    return symbol != nullptr;
+}
+
+Libcrypto loadLibcrypto() {
+    Libcrypto crypto;
+    // Never closed: the algorithm and every context point into it.
+    void* library = ::dlopen(kLibcrypto, RTLD_NOW | RTLD_LOCAL);
+    if (library == nullptr) {
+        const char* reason = ::dlerror();
+        crypto.failure = std::string("Unable to load ") + kLibcrypto +
+                         " for SHA-256: " + (reason != nullptr ? reason : "unknown error");
+        return crypto;
+    }
+    if (!resolve(library, "EVP_MD_fetch", crypto.mdFetch) ||
+        !resolve(library, "EVP_sha256", crypto.sha256) ||
+        !resolve(library, "EVP_MD_CTX_new", crypto.contextNew) ||
+        !resolve(library, "EVP_MD_CTX_free", crypto.contextFree) ||
+        !resolve(library, "EVP_DigestInit_ex", crypto.digestInit) ||
+        !resolve(library, "EVP_DigestUpdate", crypto.digestUpdate) ||
+        !resolve(library, "EVP_DigestFinal_ex", crypto.digestFinal)) {
+        crypto.failure = std::string(kLibcrypto) + " lacks the SHA-256 digest functions";
+        return crypto;
+    }
+    const EVP_MD* fetched = crypto.mdFetch(nullptr, "SHA256", nullptr);
+    crypto.algorithm = fetched != nullptr ? fetched : crypto.sha256();
+    return crypto;
+}
+
+// Thread-safe through the static's initialisation; the precompiler's workers
+// hash at once.
+const Libcrypto& libcrypto() {
+    static const Libcrypto crypto = loadLibcrypto();
+    if (!crypto.failure.empty()) {
+        throw std::runtime_error(crypto.failure);
+    }
+    return crypto;
 }
 
 } // namespace
 
 struct Sha256::Context {
+    const Libcrypto* crypto = nullptr;
     EVP_MD_CTX* digest = nullptr;
-    ~Context() { EVP_MD_CTX_free(digest); }
+    ~Context() {
+        if (crypto != nullptr) {
+            crypto->contextFree(digest);
+        }
+    }
 };
 
 Sha256::Sha256() : context_(std::make_unique<Context>()) {
-    context_->digest = EVP_MD_CTX_new();
+    const Libcrypto& crypto = libcrypto();
+    context_->crypto = &crypto;
+    context_->digest = crypto.contextNew();
     if (context_->digest == nullptr ||
-        EVP_DigestInit_ex(context_->digest, sha256Algorithm(), nullptr) != 1) {
+        crypto.digestInit(context_->digest, crypto.algorithm, nullptr) != 1) {
         throw std::bad_alloc();
     }
 }
@@ -41,13 +117,13 @@ Sha256& Sha256::operator=(Sha256&&) noexcept = default;
 void Sha256::update(std::string_view data) {
     // SHA-256 over memory cannot fail once initialised; libcrypto reports only
     // misuse here.
-    EVP_DigestUpdate(context_->digest, data.data(), data.size());
+    context_->crypto->digestUpdate(context_->digest, data.data(), data.size());
 }
 
 Sha256::Digest Sha256::finish() {
     Digest digest{};
     unsigned int length = 0;
-    EVP_DigestFinal_ex(context_->digest, digest.data(), &length);
+    context_->crypto->digestFinal(context_->digest, digest.data(), &length);
     return digest;
 }
 

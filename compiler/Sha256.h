@@ -19,7 +19,8 @@ class Sha256 {
 public:
     using Digest = std::array<std::uint8_t, 32>;
 
-    // Throws std::bad_alloc when libcrypto cannot set up a digest context.
+    // Throws std::bad_alloc when libcrypto cannot set up a digest context, and
+    // std::runtime_error when libcrypto, loaded on the first digest, cannot be.
     Sha256();
     ~Sha256();
     Sha256(Sha256&&) noexcept;

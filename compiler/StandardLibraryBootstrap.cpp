@@ -7,9 +7,11 @@
 // The unit keeps nothing between calls and starts no thread; everything runs on
 // the caller's thread. File-system work goes through the std::filesystem forms
 // that report into a std::error_code, so that every failure becomes one of the
-// unit's own messages. The lock is plain POSIX (open, flock, close), and so are
-// the reads of the two small files on the ready path, which every compiler
-// start pays for.
+// unit's own messages. The lock is plain POSIX (open, flock, close), and so is
+// the ready path, which every compiler start pays for: the two small files are
+// read with open/read/close, the state's paths are composed as text, and the
+// library root is asked with stat only when its fingerprint file does not
+// already show that it is a directory.
 
 #include "compiler/StandardLibraryBootstrap.h"
 
@@ -33,8 +35,10 @@
 #include <cstdint>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <locale>
 #include <memory>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <string_view>
@@ -57,7 +61,7 @@ namespace fs = std::filesystem;
 // The one compiler version of this build; the first-launch state and pruning
 // both use it, so a cache is never certified for one version and pruned as
 // another.
-constexpr const char* kCompilerVersion = QUOR_COMPILER_VERSION;
+constexpr std::string_view kCompilerVersion = QUOR_COMPILER_VERSION;
 constexpr const char* kBuildTreeDirectory = QUOR_BUILD_TREE_DIR;
 
 // ---------------------------------------------------------------------------
@@ -72,17 +76,16 @@ constexpr const char* kBuildTreeDirectory = QUOR_BUILD_TREE_DIR;
 // Keys are positional. Values read back are trimmed; expected values are not,
 // so an identity whose text begins or ends with white space never validates.
 
-constexpr const char* kMarkerFileName = ".quor-stdlib-ready";
+constexpr std::string_view kMarkerFileName = ".quor-stdlib-ready";
 constexpr std::string_view kMarkerHeader = "QUOR_STANDARD_LIBRARY_CACHE";
 constexpr int kMarkerFormat = 1;
-constexpr std::size_t kMarkerLineCount = 5;
 
 // Only these four bytes are white space; a vertical tab or a form feed is content.
 constexpr std::string_view kWhiteSpace = " \t\r\n";
 
-std::string trim(std::string text) {
+std::string_view trim(std::string_view text) {
     const std::size_t first = text.find_first_not_of(kWhiteSpace);
-    if (first == std::string::npos) {
+    if (first == std::string_view::npos) {
         return {};
     }
     const std::size_t last = text.find_last_not_of(kWhiteSpace);
@@ -91,12 +94,12 @@ std::string trim(std::string text) {
 
 // The value `line` gives for `key`, or empty when the line does not begin with
 // exactly "key=". A missing key and an empty value read the same.
-std::string markerValue(const std::string& line, const std::string& key) {
-    const std::string prefix = key + "=";
-    if (line.size() < prefix.size() || line.compare(0, prefix.size(), prefix) != 0) {
+std::string_view markerValue(std::string_view line, std::string_view key) {
+    if (line.size() <= key.size() || line.compare(0, key.size(), key) != 0 ||
+        line[key.size()] != '=') {
         return {};
     }
-    return trim(line.substr(prefix.size()));
+    return trim(line.substr(key.size() + 1));
 }
 
 // Reads the first lines of a file with plain system calls, exactly as
@@ -116,8 +119,8 @@ class LineReader {
 public:
     static constexpr std::size_t kMaxLineLength = 64 * 1024;
 
-    explicit LineReader(const std::string& path)
-        : fd_(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)) {
+    explicit LineReader(const char* path)
+        : fd_(::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)), opened_(fd_ >= 0) {
         struct stat status {};
         if (fd_ >= 0 && (::fstat(fd_, &status) != 0 || !S_ISREG(status.st_mode))) {
             ::close(fd_); // opened read-only: closing cannot lose anything
@@ -134,7 +137,36 @@ public:
 
     bool isOpen() const { return fd_ >= 0; }
 
-    bool readLine(std::string& line) {
+    // Whether the path named something that could be opened at all, even if
+    // it was then refused for not being a regular file.
+    bool pathOpened() const { return opened_; }
+
+    // The next line as a view that stays valid until the next call. A line
+    // that lies whole in the buffer is not copied; only one that spans reads
+    // is put together in a string of the reader's own.
+    bool readLine(std::string_view& line) {
+        if (position_ < size_) {
+            const char* begin = buffer_ + position_;
+            const auto* newline =
+                static_cast<const char*>(std::memchr(begin, '\n', size_ - position_));
+            if (newline != nullptr) {
+                line = std::string_view(begin, static_cast<std::size_t>(newline - begin));
+                position_ = static_cast<std::size_t>(newline - buffer_) + 1;
+                return true;
+            }
+        }
+        if (!readSpanningLine()) {
+            return false;
+        }
+        line = spanning_;
+        return true;
+    }
+
+private:
+    // A line that does not lie whole in the buffer, put together in
+    // spanning_ across as many reads as it takes, with getline's rules.
+    bool readSpanningLine() {
+        std::string& line = spanning_;
         line.clear();
         bool extracted = false;
         while (position_ < size_ || fill()) {
@@ -160,7 +192,6 @@ public:
         return extracted;
     }
 
-private:
     // A read error ends the file as its end would: what was read so far counts.
     bool fill() {
         while (fd_ >= 0) {
@@ -179,36 +210,41 @@ private:
     }
 
     int fd_;
+    bool opened_;
     char buffer_[512];
     std::size_t position_ = 0;
     std::size_t size_ = 0;
+    std::string spanning_;
 };
 
-// Reads the first five lines of the marker at `markerPath`; false when the file
-// cannot be opened or ends before the fifth line has a byte or a line feed.
-bool readMarkerLines(const fs::path& markerPath, std::array<std::string, kMarkerLineCount>& lines) {
-    LineReader reader(markerPath.native());
+// `value` in decimal as std::to_string writes an int, in `buffer`.
+std::string_view decimal(int value, char (&buffer)[16]) {
+    const char* end = std::to_chars(std::begin(buffer), std::end(buffer), value).ptr;
+    return {buffer, static_cast<std::size_t>(end - buffer)};
+}
+
+// Whether the marker at `markerPath` certifies exactly this identity: the file
+// opens, its first five lines can be read (a fifth line needs a byte or a line
+// feed) and each says what it must. The lines are judged as they are read; the
+// verdict is the same as reading all five first.
+bool markerCertifies(const char* markerPath, std::string_view version, int abiVersion,
+                     std::string_view fingerprint) {
+    LineReader reader(markerPath);
     if (!reader.isOpen()) {
         return false;
     }
-    for (std::string& line : lines) {
-        if (!reader.readLine(line)) {
-            return false;
-        }
-    }
-    return true;
-}
-
-bool markerCertifies(const std::array<std::string, kMarkerLineCount>& lines,
-                     const std::string& version, const std::string& abiVersion,
-                     const std::string& fingerprint) {
+    char abiText[16];
+    char formatText[16];
+    const std::string_view abi = decimal(abiVersion, abiText);
+    const std::string_view format = decimal(kMarkerFormat, formatText);
+    std::string_view line;
     // The header is compared untrimmed: a carriage return after it (a marker
     // rewritten with CRLF line ends) makes the whole marker invalid.
-    return lines[0] == kMarkerHeader &&
-           markerValue(lines[1], "format") == std::to_string(kMarkerFormat) &&
-           markerValue(lines[2], "version") == version &&
-           markerValue(lines[3], "abi") == abiVersion &&
-           markerValue(lines[4], "fingerprint") == fingerprint;
+    return reader.readLine(line) && line == kMarkerHeader && reader.readLine(line) &&
+           markerValue(line, "format") == format && reader.readLine(line) &&
+           markerValue(line, "version") == version && reader.readLine(line) &&
+           markerValue(line, "abi") == abi && reader.readLine(line) &&
+           markerValue(line, "fingerprint") == fingerprint;
 }
 
 // ".tmp." + hash of the calling thread's id + "." + steady-clock ticks: distinct
@@ -236,11 +272,7 @@ StandardLibraryCacheState::StandardLibraryCacheState(fs::path cacheDirectory, st
       abiVersion(abiVersion), fingerprint(std::move(fingerprint)) {}
 
 bool StandardLibraryCacheState::isReady() const {
-    std::array<std::string, kMarkerLineCount> lines;
-    if (!readMarkerLines(markerPath, lines)) {
-        return false;
-    }
-    return markerCertifies(lines, version, std::to_string(abiVersion), fingerprint);
+    return markerCertifies(markerPath.c_str(), version, abiVersion, fingerprint);
 }
 
 void StandardLibraryCacheState::markReady() const {
@@ -300,62 +332,166 @@ namespace {
 // fingerprint comes from the installed library, else from the build tree, else
 // from a fallback that can never look like a real fingerprint.
 
-constexpr const char* kInstalledFingerprintFile = ".quor-stdlib-fingerprint";
+constexpr std::string_view kInstalledFingerprintFile = ".quor-stdlib-fingerprint";
 constexpr const char* kGeneratedDirectory = "generated";
 constexpr const char* kBuildTreeFingerprintFile = "quor-stdlib.fingerprint";
-constexpr const char* kFirstLaunchDirectory = ".first-launch";
+constexpr std::string_view kFirstLaunchDirectory = ".first-launch";
 constexpr std::size_t kFingerprintLength = 64;
 
 bool isHexDigit(char c) {
     return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'F') || (c >= 'a' && c <= 'f');
 }
 
-// The lower-case fingerprint on the first line of `file`, or empty when the
-// file is missing, unreadable or does not hold exactly 64 hexadecimal digits.
-std::string readFingerprintFile(const fs::path& file) {
-    LineReader reader(file.native());
+// The lower-case fingerprint on the first line `reader` gives, or empty when
+// the file is missing, unreadable or does not hold exactly 64 hexadecimal
+// digits.
+std::string readFingerprint(LineReader& reader) {
     if (!reader.isOpen()) {
         return {};
     }
-    std::string line;
+    std::string_view line;
     if (!reader.readLine(line)) {
         return {};
     }
-    line = trim(std::move(line));
-    if (line.size() != kFingerprintLength || !std::all_of(line.begin(), line.end(), isHexDigit)) {
+    line = trim(line);
+    if (line.size() != kFingerprintLength) {
         return {};
     }
-    for (char& c : line) {
-        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    // Checked and lowered in one pass. Of the hexadecimal digits only 'A' to
+    // 'F' change, and tolower maps them to 'a' to 'f' in every locale.
+    std::string fingerprint(line);
+    for (char& c : fingerprint) {
+        if (c >= 'A' && c <= 'F') {
+            c = static_cast<char>(c - 'A' + 'a');
+        } else if (!isHexDigit(c)) {
+            return {};
+        }
     }
-    return line;
+    return fingerprint;
+}
+
+std::string readFingerprintFile(const std::string& path) {
+    LineReader reader(path.c_str());
+    return readFingerprint(reader);
 }
 
 std::string fallbackFingerprint() {
-    return std::string("version-") + kCompilerVersion + "-abi-" +
+    return "version-" + std::string(kCompilerVersion) + "-abi-" +
            std::to_string(Compiler::objectAbiVersion());
+}
+
+// The paths of the first-launch state are composed as text, exactly as
+// std::filesystem composes them on POSIX, because every compiler start pays
+// for them: a path object splits its text into a list of element paths on
+// construction and again on every append, several times the cost of the two
+// file reads the ready path exists for. Every piece appended here is
+// relative, so `path / piece` comes down to one rule: a separator goes between
+// the two when the left side has a file name, that is, when it is not empty
+// and does not end in '/'.
+void appendPathElement(std::string& path, std::string_view element) {
+    if (!path.empty() && path.back() != '/') {
+        path += '/';
+    }
+    path += element;
+}
+
+// path::filename(): what follows the last '/', the whole text when there is
+// none, and empty for a text that ends in '/'.
+std::string_view fileNameOf(std::string_view path) {
+    const std::size_t slash = path.rfind('/');
+    return slash == std::string_view::npos ? path : path.substr(slash + 1);
+}
+
+// path::parent_path(): the text up to the end of the next-to-last element. A
+// text without a relative part (empty, or only separators) is its own parent;
+// a lone file name has none; the separators in front of the last file name
+// go with it, except the root directory, which stays as one '/'.
+std::string_view parentPathOf(std::string_view path) {
+    if (path.find_first_not_of('/') == std::string_view::npos) {
+        return path;
+    }
+    if (path.back() == '/') {
+        // The last element is the empty file name after the separator.
+        return path.substr(0, path.find_last_not_of('/') + 1);
+    }
+    const std::size_t lastSlash = path.rfind('/');
+    if (lastSlash == std::string_view::npos) {
+        return {};
+    }
+    const std::size_t previousEnd = path.find_last_not_of('/', lastSlash);
+    return path.substr(0, previousEnd == std::string_view::npos ? 1 : previousEnd + 1);
+}
+
+// The running compiler's first-launch state as text, for the ready path: the
+// marker's path, whose first stateDirectoryLength bytes are the state
+// directory, and the identity the marker must carry.
+struct FirstLaunchIdentity {
+    std::string markerPath;
+    std::size_t stateDirectoryLength = 0;
+    int abiVersion = 0;
+    std::string fingerprint;
+};
+
+// The installed fingerprint file of the library at `libraryDirectory`.
+std::string installedFingerprintFile(std::string libraryDirectory) {
+    appendPathElement(libraryDirectory, kInstalledFingerprintFile);
+    return libraryDirectory;
+}
+
+// The identity after the installed fingerprint file has given `installed`.
+FirstLaunchIdentity firstLaunchIdentityAfter(std::string installed) {
+    FirstLaunchIdentity identity;
+    identity.fingerprint = std::move(installed);
+    if (identity.fingerprint.empty()) {
+        std::string file(kBuildTreeDirectory);
+        appendPathElement(file, kGeneratedDirectory);
+        appendPathElement(file, kBuildTreeFingerprintFile);
+        identity.fingerprint = readFingerprintFile(file);
+    }
+    if (identity.fingerprint.empty()) {
+        identity.fingerprint = fallbackFingerprint();
+    }
+    identity.abiVersion = Compiler::objectAbiVersion();
+    const std::string_view cacheRoot = parentPathOf(Runtime::getInstance().getCacheBranchPath());
+    std::string& marker = identity.markerPath;
+    // Room for the pieces below and a library-cache leaf of up to 64 bytes,
+    // so that the text is normally allocated once.
+    marker.reserve(cacheRoot.size() + kFirstLaunchDirectory.size() + kCompilerVersion.size() +
+                   kMarkerFileName.size() + 64 + 4);
+    marker = cacheRoot;
+    appendPathElement(marker, kFirstLaunchDirectory);
+    appendPathElement(marker, kCompilerVersion);
+    appendPathElement(marker, fileNameOf(Runtime::getInstance().getLibCachePath()));
+    identity.stateDirectoryLength = marker.size();
+    appendPathElement(marker, kMarkerFileName);
+    return identity;
 }
 
 // Computed afresh on every call, so that an installed, repaired or changed
 // fingerprint file takes effect at once. Opens at most two files and touches
-// nothing else on disk.
+// nothing else on disk. The runtime and the compiler are asked in a fixed
+// order: library path, then the ABI (twice when the fallback fingerprint is
+// needed), then the cache branch and the library cache.
+FirstLaunchIdentity currentFirstLaunchIdentity() {
+    return firstLaunchIdentityAfter(readFingerprintFile(
+        installedFingerprintFile(Runtime::getInstance().getStandardLibraryPath())));
+}
+
+bool isReady(const FirstLaunchIdentity& identity) {
+    return markerCertifies(identity.markerPath.c_str(), kCompilerVersion, identity.abiVersion,
+                           identity.fingerprint);
+}
+
+// The same state as a StandardLibraryCacheState, whose marker path is the
+// identity's marker path.
+StandardLibraryCacheState cacheStateOf(const FirstLaunchIdentity& identity) {
+    return StandardLibraryCacheState(
+        fs::path(std::string_view(identity.markerPath).substr(0, identity.stateDirectoryLength)),
+        std::string(kCompilerVersion), identity.abiVersion, identity.fingerprint);
+}
+
 StandardLibraryCacheState currentFirstLaunchState() {
-    const fs::path libraryDirectory(Runtime::getInstance().getStandardLibraryPath());
-    std::string fingerprint = readFingerprintFile(libraryDirectory / kInstalledFingerprintFile);
-    if (fingerprint.empty()) {
-        fingerprint = readFingerprintFile(fs::path(kBuildTreeDirectory) / kGeneratedDirectory /
-                                          kBuildTreeFingerprintFile);
-    }
-    if (fingerprint.empty()) {
-        fingerprint = fallbackFingerprint();
-    }
-    const int abiVersion = Compiler::objectAbiVersion();
-    const std::string version = kCompilerVersion;
-    const fs::path cacheRoot = fs::path(Runtime::getInstance().getCacheBranchPath()).parent_path();
-    const fs::path libCacheLeaf = fs::path(Runtime::getInstance().getLibCachePath()).filename();
-    fs::path stateDirectory = cacheRoot / kFirstLaunchDirectory / version / libCacheLeaf;
-    return StandardLibraryCacheState(std::move(stateDirectory), version, abiVersion,
-                                     std::move(fingerprint));
+    return cacheStateOf(currentFirstLaunchIdentity());
 }
 
 // ---------------------------------------------------------------------------
@@ -606,22 +742,46 @@ fs::path defaultCacheRoot() {
 // Entry points
 
 bool StandardLibraryBootstrap::isRequired() {
-    const fs::path root(Runtime::getInstance().getStandardLibraryPath());
-    std::error_code error;
-    const fs::file_status status = fs::status(root, error);
-    if (error || status.type() != fs::file_type::directory) {
-        return false; // without a library tree there is nothing to build
+    const std::string root = Runtime::getInstance().getStandardLibraryPath();
+    // Whether the root is a directory, links followed, as fs::status tells it
+    // (an error counts as "no"), and without the path object. The installed
+    // fingerprint file is opened first: when a file inside the root opens,
+    // the root is a directory and its own stat is not needed. Only a root
+    // that names no directory by itself (empty, or cut short by a NUL byte)
+    // is always asked directly.
+    const std::string file = installedFingerprintFile(root);
+    const bool plainText = !root.empty() && root.find('\0') == std::string::npos;
+    std::optional<LineReader> reader;
+    if (plainText) {
+        reader.emplace(file.c_str());
     }
-    return !currentFirstLaunchState().isReady();
+    if (!reader || !reader->pathOpened()) {
+        struct stat status {};
+        if (::stat(root.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
+            return false; // without a library tree there is nothing to build
+        }
+    }
+    // The identity asks the runtime for the library again; the file already
+    // read stands for it as long as the answer is the same.
+    const std::string library = Runtime::getInstance().getStandardLibraryPath();
+    std::string installed;
+    if (reader && library == root) {
+        installed = readFingerprint(*reader);
+    } else {
+        installed = readFingerprintFile(installedFingerprintFile(library));
+    }
+    reader.reset();
+    return !isReady(firstLaunchIdentityAfter(std::move(installed)));
 }
 
 StandardLibraryBootstrapResult
 StandardLibraryBootstrap::ensure(const StandardLibraryBootstrapCallback& progress) {
     StandardLibraryBootstrapResult result;
-    StandardLibraryCacheState state = currentFirstLaunchState();
-    if (state.isReady()) {
+    FirstLaunchIdentity identity = currentFirstLaunchIdentity();
+    if (isReady(identity)) {
         return result;
     }
+    StandardLibraryCacheState state = cacheStateOf(identity);
 
     const fs::path stateDirectory = state.getMarkerPath().parent_path();
     const fs::path lockDirectory = stateDirectory.parent_path();
@@ -712,7 +872,7 @@ StandardLibraryBootstrap::olderCacheVersions(const fs::path& cacheRoot,
 }
 
 std::vector<fs::path> StandardLibraryBootstrap::olderCacheVersions() {
-    return olderCacheVersions(defaultCacheRoot(), kCompilerVersion);
+    return olderCacheVersions(defaultCacheRoot(), std::string(kCompilerVersion));
 }
 
 std::size_t StandardLibraryBootstrap::removeOlderCacheVersions(const fs::path& cacheRoot,
@@ -751,7 +911,7 @@ std::size_t StandardLibraryBootstrap::removeOlderCacheVersions(const fs::path& c
 }
 
 std::size_t StandardLibraryBootstrap::removeOlderCacheVersions() {
-    return removeOlderCacheVersions(defaultCacheRoot(), kCompilerVersion);
+    return removeOlderCacheVersions(defaultCacheRoot(), std::string(kCompilerVersion));
 }
 
 } // namespace quor::compiler

@@ -10,11 +10,11 @@
 namespace quor::fuzz {
 
 std::string trim(std::string text) {
-    return compiler::trim(std::move(text));
+    return std::string(compiler::trim(text));
 }
 
 std::string markerValue(const std::string& line, const std::string& key) {
-    return compiler::markerValue(line, key);
+    return std::string(compiler::markerValue(line, key));
 }
 
 bool parseVersion(const std::string& text, std::array<unsigned long long, 3>& out) {
@@ -22,7 +22,7 @@ bool parseVersion(const std::string& text, std::array<unsigned long long, 3>& ou
 }
 
 std::string readFingerprintFile(const std::filesystem::path& file) {
-    return compiler::readFingerprintFile(file);
+    return compiler::readFingerprintFile(file.native());
 }
 
 } // namespace quor::fuzz

@@ -2,6 +2,10 @@
 // shows its progress, watches the kernel's lock table for whoever holds the
 // build lock, enforces --timeout and reacts to Ctrl-C.
 //
+// A cache that is ready already, which is what nearly every run finds, is
+// answered on this thread before any of that is set up: the thread, the
+// handlers and the view cost more than the readiness check itself.
+//
 // The bootstrap waits for the lock with a blocking flock() and no time-out. To
 // end that wait, the watching thread sends SIGUSR1 to the worker; its handler
 // is installed without SA_RESTART, so flock() fails with EINTR and the
@@ -50,6 +54,7 @@
 #include <mutex>
 #include <optional>
 #include <pthread.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <system_error>
 #include <thread>
@@ -281,6 +286,82 @@ double secondsBetween(Clock::time_point from, Clock::time_point to) {
     return std::chrono::duration<double>(to - from).count();
 }
 
+// What ensure prints and returns once the bootstrap has succeeded: the result
+// line (or JSON event) and the exit status. `holder` is whoever held the lock
+// while this run waited; `buildStarted` when this run's build took the lock;
+// `interrupted`, when given, is read after the report: a stop signal that
+// came while the bootstrap ran or the result was printed.
+int reportResult(const Invocation& invocation, Console& console,
+                 const StandardLibraryBootstrapResult& result, double seconds,
+                 const std::optional<LockHolder>& holder, Clock::time_point started,
+                 std::optional<Clock::time_point> buildStarted,
+                 const std::atomic<bool>* interrupted) {
+    // Only a build of this process ran the precompiler here.
+    const compiler::PrecompileSummary summary =
+        result.bootstrapped ? compiler::lastPrecompileSummary() : compiler::PrecompileSummary{};
+    if (invocation.global.json) {
+        console.out() << jsonText(nlohmann::ordered_json{{"event", "result"},
+                                                         {"bootstrapped", result.bootstrapped},
+                                                         {"completed", result.completed},
+                                                         {"total", result.total},
+                                                         {"compiled", summary.compiled},
+                                                         {"reused", summary.reused},
+                                                         {"removed", summary.removed},
+                                                         {"seconds", seconds}})
+                      << std::endl;
+    } else if (!invocation.global.quiet) {
+        if (result.bootstrapped) {
+            const auto finished = Clock::now();
+            console.out() << "built " << result.total << (result.total == 1 ? " unit" : " units")
+                          << " in "
+                          << formatDuration(
+                                 secondsBetween(buildStarted.value_or(started), finished));
+            if (summary.reused != 0 || summary.removed != 0)
+                console.out() << " (compiled " << summary.compiled << ", reused " << summary.reused
+                              << (summary.removed != 0
+                                      ? ", removed " + std::to_string(summary.removed) +
+                                            (summary.removed == 1 ? " leftover" : " leftovers")
+                                      : std::string())
+                              << ")";
+            if (holder)
+                console.out() << " (after waiting "
+                              << formatDuration(
+                                     secondsBetween(started, buildStarted.value_or(started)))
+                              << " for the build lock)";
+            console.out() << std::endl;
+        } else if (holder) {
+            console.out() << "already up to date (built by " << visible(describe(*holder)) << ")"
+                          << std::endl;
+        } else
+            console.out() << "already up to date" << std::endl;
+    }
+    if (interrupted != nullptr && interrupted->load()) {
+        const int signal = interruptSignal.load();
+        console.note(interruptedBy(signal) +
+                     (result.bootstrapped ? " after the build had completed; the cache is ready"
+                                          : "; the cache was already up to date"));
+        return interruptStatus(signal);
+    }
+    // A reader that went away must not have cut the build short, and did not.
+    return console.finish(ExitSuccess, result.bootstrapped ? "the build ran to its end"
+                                                           : "the cache was already up to date");
+}
+
+// Whether the cache is ready as it stands, so that ensure can say so without
+// the worker thread, the signal handlers and the progress view a build needs.
+// A ready cache is the bootstrap's own answer: isRequired() is false while the
+// library is there. Any doubt (no library, a failure) leaves the answer to
+// the bootstrap's ensure() on the usual path.
+bool readyAsItStands(const CachePaths& paths) {
+    try {
+        struct stat library {};
+        return !StandardLibraryBootstrap::isRequired() &&
+               ::stat(paths.library.c_str(), &library) == 0 && S_ISDIR(library.st_mode);
+    } catch (const std::exception&) { // ensure() reports it
+        return false;
+    }
+}
+
 } // namespace
 
 int runEnsure(const Invocation& invocation, Console& console) {
@@ -306,6 +387,17 @@ int runEnsure(const Invocation& invocation, Console& console) {
         reportFailure(console, invocation.global.json, failureKind(failure.what()), failure.what(),
                       ExitFailure);
         return ExitFailure;
+    }
+
+    // Every compiler start after the first lands here: nothing to build, so
+    // nothing to watch or interrupt. ensure() on the worker would return at
+    // once with {false, 0, 0}; the answer and its report are the same.
+    if (!invocation.ensure.force) {
+        const auto started = Clock::now();
+        if (readyAsItStands(paths))
+            return reportResult(invocation, console, StandardLibraryBootstrapResult{},
+                                secondsBetween(started, Clock::now()), std::nullopt, started,
+                                std::nullopt, nullptr);
     }
 
     ProgressView view(console, styleFor(invocation, console));
@@ -432,57 +524,9 @@ int runEnsure(const Invocation& invocation, Console& console) {
         return ExitFailure;
     }
 
-    const auto& result = exchange.result;
     view.reportSlowest();
-    // Only a build of this process ran the precompiler here.
-    const compiler::PrecompileSummary summary =
-        result.bootstrapped ? compiler::lastPrecompileSummary() : compiler::PrecompileSummary{};
-    if (invocation.global.json) {
-        console.out() << jsonText(nlohmann::ordered_json{{"event", "result"},
-                                                         {"bootstrapped", result.bootstrapped},
-                                                         {"completed", result.completed},
-                                                         {"total", result.total},
-                                                         {"compiled", summary.compiled},
-                                                         {"reused", summary.reused},
-                                                         {"removed", summary.removed},
-                                                         {"seconds", seconds}})
-                      << std::endl;
-    } else if (!invocation.global.quiet) {
-        if (result.bootstrapped) {
-            const auto finished = Clock::now();
-            console.out() << "built " << result.total << (result.total == 1 ? " unit" : " units")
-                          << " in "
-                          << formatDuration(
-                                 secondsBetween(buildStarted.value_or(started), finished));
-            if (summary.reused != 0 || summary.removed != 0)
-                console.out() << " (compiled " << summary.compiled << ", reused " << summary.reused
-                              << (summary.removed != 0
-                                      ? ", removed " + std::to_string(summary.removed) +
-                                            (summary.removed == 1 ? " leftover" : " leftovers")
-                                      : std::string())
-                              << ")";
-            if (holder)
-                console.out() << " (after waiting "
-                              << formatDuration(
-                                     secondsBetween(started, buildStarted.value_or(started)))
-                              << " for the build lock)";
-            console.out() << std::endl;
-        } else if (holder) {
-            console.out() << "already up to date (built by " << visible(describe(*holder)) << ")"
-                          << std::endl;
-        } else
-            console.out() << "already up to date" << std::endl;
-    }
-    if (interruptRequested) {
-        const int signal = interruptSignal.load();
-        console.note(interruptedBy(signal) +
-                     (result.bootstrapped ? " after the build had completed; the cache is ready"
-                                          : "; the cache was already up to date"));
-        return interruptStatus(signal);
-    }
-    // A reader that went away must not have cut the build short, and did not.
-    return console.finish(ExitSuccess, result.bootstrapped ? "the build ran to its end"
-                                                           : "the cache was already up to date");
+    return reportResult(invocation, console, exchange.result, seconds, holder, started,
+                        buildStarted, &interruptRequested);
 }
 
 } // namespace quor::stdlibtool

@@ -5,6 +5,7 @@
 #include "Commands.h"
 #include "Console.h"
 #include "JsonText.h"
+#include "QuickCommandLine.h"
 
 #include "compiler/Compiler.h"
 
@@ -201,6 +202,14 @@ std::string jobsEnvironmentProblem(const Command& command, const Invocation& inv
 int main(int argc, char** argv) {
     occupyStandardDescriptors(); // first: nothing may be opened before it
     survivePipeClosing();
+    // `ensure` and `status --check` run on every compiler start; when their
+    // command line is a plain one, the command table is not built at all.
+    if (const auto quick =
+            parseQuickCommandLine({static_cast<const char* const*>(argv) + 1,
+                                   static_cast<std::size_t>(argc > 0 ? argc - 1 : 0)})) {
+        Console console = Console::forProcess(quick->invocation.global.color);
+        return quick->command->handler(quick->invocation, console);
+    }
     Invocation invocation;
     std::string color = "auto";
     bool versionAsked = false;
