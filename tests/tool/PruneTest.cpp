@@ -3,6 +3,7 @@
 // folder that is not a version.
 
 #include "ToolTestSupport.h"
+#include "quor/Config.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>

@@ -7,6 +7,7 @@
 #include "JsonText.h"
 
 #include "compiler/Compiler.h"
+#include "quor/Config.h"
 
 #include <CLI/CLI.hpp>
 
