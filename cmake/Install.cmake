@@ -60,8 +60,7 @@ install(FILES "${PROJECT_SOURCE_DIR}/compiler/package/PackageLocation.cpp"
   COMPONENT development)
 
 # The public headers are quor_headers' file set (compiler/CMakeLists.txt); they
-# are installed with it, keeping their folders below include/quor. Installing
-# the file set also puts include/quor on the exported include path.
+# are installed with it, keeping their folders below include/quor.
 set_target_properties(quor_headers PROPERTIES EXPORT_NAME headers)
 set_target_properties(quor_bootstrap PROPERTIES EXPORT_NAME bootstrap)
 set_target_properties(quor_services_installed PROPERTIES EXPORT_NAME services)
