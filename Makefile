@@ -29,6 +29,8 @@ configure:
 configure-tests:
 	@bash .ci/install-deps test && bash .ci/configure $(BUILD) default $(CMAKE_FLAGS)
 
+# A build preset names a tree, not its settings: `default` builds build/ as it
+# is configured, with or without the test suites.
 build: configure
 	cmake --build --preset default
 
