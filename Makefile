@@ -1,9 +1,19 @@
-# Thin wrappers around CMake; the build lives in $(BUILD). Each goal installs
+# Thin wrappers around the CMake presets (CMakePresets.json); each goal installs
 # only the Debian packages it needs (.ci/install-deps GROUP) and builds only
 # what it uses: `run` the tool alone, `test` the test suites as well.
-BUILD ?= build
+#
+# .ci/configure configures a preset's tree when it is new, or when the preset
+# or CMAKE_FLAGS (extra arguments for cmake) differ from the last time.
 CMAKE_FLAGS ?=
+# The presets' binaryDirs.
+BUILD := build
+PACKAGE_BUILD := build-package
+BENCH_BUILD := build-bench
 TOOL := $(BUILD)/tools/quor-stdlib/quor-stdlib
+# A new build/ starts from the tool preset, without the test suites, which need
+# GoogleTest; `test` moves it to the default preset, which has them, and the
+# tool's goals then keep the suites.
+TOOL_PRESET = $(if $(shell grep -sx 'QUOR_BUILD_TESTS:BOOL=ON' $(BUILD)/CMakeCache.txt),default,tool)
 
 .PHONY: all deps configure configure-tests build test run bench stress install package format clean
 
@@ -13,54 +23,41 @@ all: build
 deps:
 	@bash .ci/install-deps ci
 
-# A new build tree starts without the test suites, which need GoogleTest; the
-# goals that run tests switch them on. An existing tree keeps its settings.
 configure:
-	@bash .ci/install-deps tool
-	@test -f $(BUILD)/build.ninja || cmake -S . -B $(BUILD) -G Ninja -DQUOR_BUILD_TESTS=OFF $(CMAKE_FLAGS)
+	@bash .ci/install-deps tool && bash .ci/configure $(BUILD) $(TOOL_PRESET) $(CMAKE_FLAGS)
 
 configure-tests:
-	@bash .ci/install-deps test
-	@grep -qx 'QUOR_BUILD_TESTS:BOOL=ON' $(BUILD)/CMakeCache.txt 2>/dev/null && test -f $(BUILD)/build.ninja \
-		|| cmake -S . -B $(BUILD) -G Ninja -DQUOR_BUILD_TESTS=ON $(CMAKE_FLAGS)
+	@bash .ci/install-deps test && bash .ci/configure $(BUILD) default $(CMAKE_FLAGS)
 
+# A build preset names a tree, not its settings: `default` builds build/ as it
+# is configured, with or without the test suites.
 build: configure
-	cmake --build $(BUILD)
+	cmake --build --preset default
 
 # Build the tool alone, then bring the shipped standard library up to date in
 # the default cache.
 run: configure
-	cmake --build $(BUILD) --target quor-stdlib
-	$(TOOL) ensure
+	cmake --build --preset tool && $(TOOL) ensure
 
 test: configure-tests
-	cmake --build $(BUILD)
-	ctest --test-dir $(BUILD) --output-on-failure -j2
+	cmake --build --preset default && ctest --preset default
 
 # The reliability harnesses at their full counts: the crash test, the contention
 # stress and the pruning attack (QUOR_STRESS_SEED picks another seed).
 stress: configure-tests
-	cmake --build $(BUILD)
-	QUOR_STRESS=full ctest --test-dir $(BUILD) -L reliability --output-on-failure
+	cmake --build --preset default && QUOR_STRESS=full ctest --preset default -L reliability
 
 # The prefix is set at configure time too: the installed services fall back to
 # the library under it, and the manual page names its documentation folder.
 PREFIX ?= /usr/local
 install: configure
-	cmake -S . -B $(BUILD) -DCMAKE_INSTALL_PREFIX=$(PREFIX) >/dev/null
-	cmake --build $(BUILD)
-	cmake --install $(BUILD)
+	cmake -S . -B $(BUILD) -DCMAKE_INSTALL_PREFIX=$(PREFIX) >/dev/null && cmake --build --preset default && cmake --install $(BUILD)
 
-# The Debian package, from a Release tree of its own configured for /usr and
-# optimised at -O2 as Debian builds are: $(PACKAGE_BUILD)/quor-bootstrap_<version>_<arch>.deb.
-# tests/package/check-package.sh unpacks and tries it.
-PACKAGE_BUILD ?= build-package
+# The Debian package, $(PACKAGE_BUILD)/quor-bootstrap_<version>_<arch>.deb, from
+# the package preset; tests/package/check-package.sh unpacks and tries it.
 package:
-	@bash .ci/install-deps package
-	@test -f $(PACKAGE_BUILD)/build.ninja || cmake -S . -B $(PACKAGE_BUILD) -G Ninja \
-		-DCMAKE_BUILD_TYPE=Release '-DCMAKE_CXX_FLAGS_RELEASE=-O2 -DNDEBUG' \
-		-DCMAKE_INSTALL_PREFIX=/usr -DQUOR_BUILD_TESTS=OFF $(CMAKE_FLAGS)
-	cmake --build $(PACKAGE_BUILD) --target package
+	@bash .ci/install-deps package && bash .ci/configure $(PACKAGE_BUILD) package $(CMAKE_FLAGS)
+	cmake --build --preset package
 
 format:
 	git ls-files '*.cpp' '*.h' | xargs clang-format -i
@@ -68,15 +65,12 @@ format:
 clean:
 	rm -rf $(BUILD)
 
-# Figures against their floors, in a Release build of its own; see
+# Figures against their floors, in the Release tree of the bench preset; see
 # docs/performance.md. BENCH_FLAGS go to the workload script (--quick, --only 3,4).
-BENCH_BUILD ?= build-bench
 BENCH_FLAGS ?=
 bench:
-	@bash .ci/install-deps bench
-	@test -f $(BENCH_BUILD)/build.ninja || cmake -S . -B $(BENCH_BUILD) -G Ninja \
-		-DCMAKE_BUILD_TYPE=Release -DQUOR_BUILD_BENCHMARKS=ON -DQUOR_BUILD_TESTS=OFF
-	cmake --build $(BENCH_BUILD) -j2
+	@bash .ci/install-deps bench && bash .ci/configure $(BENCH_BUILD) bench $(CMAKE_FLAGS)
+	cmake --build --preset bench
 	$(BENCH_BUILD)/bench/quor-bench-ready --benchmark_repetitions=9 \
 		--benchmark_enable_random_interleaving=true --benchmark_report_aggregates_only=true \
 		--benchmark_out=$(BENCH_BUILD)/ready-path.json --benchmark_out_format=json

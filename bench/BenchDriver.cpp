@@ -15,6 +15,7 @@
 
 #include "compiler/Runtime.h"
 #include "compiler/StandardLibraryBootstrap.h"
+#include "quor/Config.h"
 
 #include <cstdio>
 #include <exception>

@@ -6,6 +6,7 @@
 
 #include "compiler/Compiler.h"
 #include "compiler/Runtime.h"
+#include "quor/Config.h"
 
 #include <filesystem>
 

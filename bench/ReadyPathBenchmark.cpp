@@ -10,6 +10,7 @@
 
 #include "compiler/Runtime.h"
 #include "compiler/StandardLibraryBootstrap.h"
+#include "quor/Config.h"
 
 #include <benchmark/benchmark.h>
 #include <fcntl.h>

@@ -3,9 +3,10 @@
 #   share/quor/stdlib/.quor-stdlib-fingerprint   and their fingerprint,
 #   share/quor/PackageLocation.cpp       compiled into programs built against the
 #                                        package, so that they find that library,
-#   include/quor/compiler/...            the public headers,
+#   include/quor/compiler/...            the public headers (quor_headers),
 #   lib/libquor_bootstrap.a, lib/libquor_services.a,
-#   lib/cmake/QuorBootstrap/             the CMake package (Quor::bootstrap, Quor::services),
+#   lib/cmake/QuorBootstrap/             the CMake package (Quor::bootstrap, Quor::services,
+#                                        and Quor::headers, which both use),
 #   lib/pkgconfig/quor-bootstrap.pc      the same for pkg-config,
 #   share/doc/quor-bootstrap/            the README, docs/ and examples/.
 # The tool installs itself from its own folder; its manual page and completion
@@ -58,31 +59,16 @@ install(FILES "${PROJECT_SOURCE_DIR}/compiler/package/PackageLocation.cpp"
   DESTINATION "${CMAKE_INSTALL_DATADIR}/quor"
   COMPONENT development)
 
-# The public headers: the bootstrap's entry points and the declarations of the
-# services it calls, which an embedding compiler implements or links. Helpers
-# private to the services (tokenizer, hashing, unit compiler, the default
-# library location) stay out. Headers keep their folders below include/quor,
-# and both include/quor and include are exported, so that a consumer may write
-# #include "compiler/Runtime.h" or #include <quor/compiler/Runtime.h>.
-install(FILES
-  "${PROJECT_SOURCE_DIR}/compiler/StandardLibraryBootstrap.h"
-  "${PROJECT_SOURCE_DIR}/compiler/StandardLibraryCacheState.h"
-  "${PROJECT_SOURCE_DIR}/compiler/Runtime.h"
-  "${PROJECT_SOURCE_DIR}/compiler/Compiler.h"
-  "${PROJECT_SOURCE_DIR}/compiler/SourceManager.h"
-  "${PROJECT_SOURCE_DIR}/compiler/CacheTrust.h"
-  DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/quor/compiler"
-  COMPONENT development)
-install(FILES "${PROJECT_SOURCE_DIR}/compiler/source/TypeHeader.h"
-  DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/quor/compiler/source"
-  COMPONENT development)
-
+# The public headers are quor_headers' file set (compiler/CMakeLists.txt); they
+# are installed with it, keeping their folders below include/quor.
+set_target_properties(quor_headers PROPERTIES EXPORT_NAME headers)
 set_target_properties(quor_bootstrap PROPERTIES EXPORT_NAME bootstrap)
 set_target_properties(quor_services_installed PROPERTIES EXPORT_NAME services)
-install(TARGETS quor_bootstrap quor_services_installed
+install(TARGETS quor_headers quor_bootstrap quor_services_installed
   EXPORT QuorBootstrapTargets
   ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT development
-  LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT development)
+  LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT development
+  FILE_SET HEADERS DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/quor" COMPONENT development)
 install(EXPORT QuorBootstrapTargets
   NAMESPACE Quor::
   DESTINATION "${QUOR_INSTALL_CMAKEDIR}"

@@ -18,6 +18,7 @@
 #include "compiler/SourceManager.h"
 #include "compiler/Tokenizer.h"
 #include "compiler/UnitCompiler.h"
+#include "quor/Config.h"
 
 #include <algorithm>
 #include <atomic>

@@ -7,6 +7,7 @@
 #include "compiler/Runtime.h"
 
 #include "compiler/LibraryLocation.h"
+#include "quor/Config.h"
 
 #include <charconv>
 #include <cstdlib>

@@ -20,6 +20,7 @@
 #include "compiler/SourceManager.h"
 #include "compiler/StandardLibraryCacheState.h"
 #include "compiler/source/TypeHeader.h"
+#include "quor/Config.h"
 
 #include <fcntl.h>
 #include <sys/file.h>

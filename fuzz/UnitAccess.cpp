@@ -1,7 +1,7 @@
 // Compiles the bootstrap unit into the fuzz target so that its private helpers
-// can be called. The build gives this file the same QUOR_COMPILER_VERSION and
-// QUOR_BUILD_TREE_DIR definitions as quor_bootstrap, so the code is the shipped
-// code, compiled with the fuzz target's instrumentation.
+// can be called. The unit takes its compiler version and build tree from the
+// build's quor/Config.h, as it does in quor_bootstrap, so the code is the
+// shipped code, compiled with the fuzz target's instrumentation.
 
 #include "compiler/StandardLibraryBootstrap.cpp"
 

@@ -10,6 +10,7 @@
 #include "compiler/StandardLibraryCacheState.h"
 #include "tests/bootstrap/FakeServices.h"
 #include "tests/bootstrap/TestSupport.h"
+#include "quor/Config.h"
 
 #include <gtest/gtest.h>
 

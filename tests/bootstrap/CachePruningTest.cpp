@@ -5,6 +5,7 @@
 #include "compiler/StandardLibraryBootstrap.h"
 #include "tests/bootstrap/FakeServices.h"
 #include "tests/bootstrap/TestSupport.h"
+#include "quor/Config.h"
 
 #include "ChildChecks.h"
 

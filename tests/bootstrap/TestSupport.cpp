@@ -3,6 +3,7 @@
 #include "tests/bootstrap/TestSupport.h"
 
 #include "tests/bootstrap/FakeServices.h"
+#include "quor/Config.h"
 
 #include <fcntl.h>
 #include <sys/file.h>

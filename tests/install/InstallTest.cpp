@@ -8,6 +8,7 @@
 // source tree is gone.
 
 #include "InstallTestSupport.h"
+#include "quor/Config.h"
 
 #include <gtest/gtest.h>
 
@@ -56,7 +57,7 @@ std::map<std::string, std::optional<std::string>> freshCache(const fs::path& cac
 }
 
 fs::path markerOf(const fs::path& cache) {
-    return cache / ".first-launch" / QUOR_TEST_COMPILER_VERSION / "lib" / ".quor-stdlib-ready";
+    return cache / ".first-launch" / QUOR_COMPILER_VERSION / "lib" / ".quor-stdlib-ready";
 }
 
 // A copy of the consumer project outside the source tree, as a downstream
@@ -105,7 +106,7 @@ void expectConsumerUsesTheLibraryOf(const fs::path& consumer, const fs::path& pr
               (prefix / "share" / "quor" / "stdlib").string())
         << run.output;
     EXPECT_EQ(values.count("branch") ? values.at("branch") : "",
-              (cache / QUOR_TEST_COMPILER_VERSION).string())
+              (cache / QUOR_COMPILER_VERSION).string())
         << run.output;
     EXPECT_EQ(values.count("required") ? values.at("required") : "", "1") << run.output;
     if (ensure) {
@@ -378,7 +379,7 @@ TEST_F(InstallTest, PkgConfigConsumersBuildAndRun) {
     std::string modversion, stdlibdir;
     std::getline(lines, modversion);
     std::getline(lines, stdlibdir);
-    EXPECT_EQ(modversion, QUOR_TEST_COMPILER_VERSION);
+    EXPECT_EQ(modversion, QUOR_COMPILER_VERSION);
     EXPECT_EQ(fs::canonical(stdlibdir), fs::canonical(stdlib()));
 
     ProcessResult built = runShell("cd '" + project.string() +
@@ -422,7 +423,7 @@ TEST_F(InstallTest, ExampleDriverMakesAFreshCacheReady) {
     // Another process holds the build lock for a while.
     const fs::path cache = scratch.path() / "cache";
     const fs::path lockFile =
-        cache / ".first-launch" / QUOR_TEST_COMPILER_VERSION / ".stdlib-bootstrap-lib.lock";
+        cache / ".first-launch" / QUOR_COMPILER_VERSION / ".stdlib-bootstrap-lib.lock";
     fs::create_directories(lockFile.parent_path());
     const int fd = ::open(lockFile.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     ASSERT_GE(fd, 0);
@@ -465,7 +466,7 @@ TEST_F(InstallTest, ExampleDriverMakesAFreshCacheReady) {
     EXPECT_EQ(second.output.find("first start"), std::string::npos) << second.output;
     EXPECT_EQ(second.output.find("building"), std::string::npos) << second.output;
     EXPECT_NE(second.output.find("quorc: precompiled in " +
-                                 (cache / QUOR_TEST_COMPILER_VERSION / "lib").string()),
+                                 (cache / QUOR_COMPILER_VERSION / "lib").string()),
               std::string::npos)
         << second.output;
 
@@ -493,7 +494,7 @@ TEST_F(InstallTest, InstalledToolBuildsTheInstalledLibrary) {
     const std::string installed = readFile(stdlib() / ".quor-stdlib-fingerprint");
     ASSERT_FALSE(installed.empty());
     EXPECT_NE(marker.find("\nfingerprint=" + installed), std::string::npos) << marker;
-    EXPECT_NE(marker.find("\nversion=" QUOR_TEST_COMPILER_VERSION "\n"), std::string::npos)
+    EXPECT_NE(marker.find("\nversion=" QUOR_COMPILER_VERSION "\n"), std::string::npos)
         << marker;
 }
 

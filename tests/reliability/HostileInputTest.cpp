@@ -16,6 +16,7 @@
 #include "compiler/StandardLibraryBootstrap.h"
 #include "tests/reliability/ReliabilitySupport.h"
 #include "tests/reliability/ToolHarness.h"
+#include "quor/Config.h"
 
 #include "ChildChecks.h"
 

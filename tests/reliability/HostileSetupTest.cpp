@@ -32,6 +32,7 @@
 #include "compiler/Compiler.h"
 #include "tests/reliability/ReliabilitySupport.h"
 #include "tests/reliability/ToolHarness.h"
+#include "quor/Config.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>

@@ -6,6 +6,7 @@
 #include "compiler/Compiler.h"
 #include "compiler/StandardLibraryCacheState.h"
 #include "tests/reliability/ReliabilitySupport.h"
+#include "quor/Config.h"
 
 #include <fcntl.h>
 #include <sys/wait.h>

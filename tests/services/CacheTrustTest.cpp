@@ -7,6 +7,7 @@
 #include "compiler/Compiler.h"
 #include "compiler/StandardLibraryBootstrap.h"
 #include "tests/services/ServicesTestSupport.h"
+#include "quor/Config.h"
 
 #include "ChildChecks.h"
 

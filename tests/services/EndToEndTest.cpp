@@ -7,6 +7,7 @@
 #include "compiler/StandardLibraryBootstrap.h"
 #include "compiler/source/TypeHeader.h"
 #include "tests/services/ServicesTestSupport.h"
+#include "quor/Config.h"
 
 #include <gtest/gtest.h>
 

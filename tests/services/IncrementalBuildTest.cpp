@@ -10,6 +10,7 @@
 #include "compiler/SourceManager.h"
 #include "compiler/StandardLibraryBootstrap.h"
 #include "tests/services/ServicesTestSupport.h"
+#include "quor/Config.h"
 
 #include <gtest/gtest.h>
 

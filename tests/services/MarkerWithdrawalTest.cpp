@@ -5,6 +5,7 @@
 
 #include "compiler/StandardLibraryBootstrap.h"
 #include "tests/services/ServicesTestSupport.h"
+#include "quor/Config.h"
 
 #include <gtest/gtest.h>
 

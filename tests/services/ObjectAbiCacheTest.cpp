@@ -3,6 +3,7 @@
 
 #include "compiler/Compiler.h"
 #include "tests/services/ServicesTestSupport.h"
+#include "quor/Config.h"
 
 #include <gtest/gtest.h>
 

@@ -7,6 +7,7 @@
 #include "compiler/Sha256.h"
 #include "compiler/SourceManager.h"
 #include "tests/services/ServicesTestSupport.h"
+#include "quor/Config.h"
 
 #include <gtest/gtest.h>
 

@@ -7,6 +7,7 @@
 #include "compiler/SourceManager.h"
 #include "tests/services/ChildProcess.h"
 #include "tests/services/ServicesTestSupport.h"
+#include "quor/Config.h"
 
 #include <gtest/gtest.h>
 

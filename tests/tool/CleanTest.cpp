@@ -3,6 +3,7 @@
 // did or would do.
 
 #include "tests/tool/ToolTestSupport.h"
+#include "quor/Config.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>

@@ -7,7 +7,8 @@
 // looks the same until the power fails, and a full disk cannot be had on
 // demand.
 
-#include "ToolTestSupport.h"
+#include "tests/tool/ToolTestSupport.h"
+#include "quor/Config.h"
 
 #include <gtest/gtest.h>
 

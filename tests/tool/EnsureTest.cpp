@@ -2,6 +2,7 @@
 // line on a terminal and the plain lines without one, and failures.
 
 #include "ToolTestSupport.h"
+#include "quor/Config.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>

@@ -6,6 +6,7 @@
 // another tree.
 
 #include "tests/tool/ToolTestSupport.h"
+#include "quor/Config.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>

@@ -6,6 +6,7 @@
 #include "Commands.h"
 #include "Console.h"
 #include "ToolTestSupport.h"
+#include "quor/Config.h"
 
 #include "ChildChecks.h"
 

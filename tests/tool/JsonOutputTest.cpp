@@ -5,6 +5,7 @@
 #include "tests/tool/ToolTestSupport.h"
 
 #include "Failure.h"
+#include "quor/Config.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>

@@ -6,6 +6,7 @@
 // same: a FIFO, device or socket reads as absent, an over-long line fails its read.
 
 #include "ToolTestSupport.h"
+#include "quor/Config.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>

@@ -4,6 +4,7 @@
 // elsewhere; and a cache root that is not a directory.
 
 #include "ToolTestSupport.h"
+#include "quor/Config.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>

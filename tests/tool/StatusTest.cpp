@@ -3,6 +3,7 @@
 // the exit status of --check.
 
 #include "ToolTestSupport.h"
+#include "quor/Config.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>

@@ -3,6 +3,7 @@
 // and the caller's home cache never leak into a test.
 
 #include "ToolTestSupport.h"
+#include "quor/Config.h"
 
 #include <gtest/gtest.h>
 

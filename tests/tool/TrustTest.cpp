@@ -6,6 +6,7 @@
 // failure names its likely cause.
 
 #include "ToolTestSupport.h"
+#include "quor/Config.h"
 
 #include "ChildChecks.h"
 

@@ -3,6 +3,7 @@
 // build of another: the built tool as a process on a small library.
 
 #include "tests/tool/ToolTestSupport.h"
+#include "quor/Config.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>

@@ -8,6 +8,7 @@
 #include "compiler/Runtime.h"
 #include "compiler/SourceManager.h"
 #include "compiler/source/TypeHeader.h"
+#include "quor/Config.h"
 
 #include <algorithm>
 #include <atomic>

@@ -8,6 +8,7 @@
 #include "QuickCommandLine.h"
 
 #include "compiler/Compiler.h"
+#include "quor/Config.h"
 
 #include <CLI/CLI.hpp>
 
