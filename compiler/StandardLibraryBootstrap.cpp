@@ -15,6 +15,7 @@
 
 #include "compiler/StandardLibraryBootstrap.h"
 
+#include "compiler/CacheLayout.h"
 #include "compiler/Compiler.h"
 #include "compiler/Runtime.h"
 #include "compiler/SourceManager.h"
@@ -62,8 +63,8 @@ namespace fs = std::filesystem;
 // The one compiler version of this build; the first-launch state and pruning
 // both use it, so a cache is never certified for one version and pruned as
 // another.
-constexpr std::string_view kCompilerVersion = QUOR_COMPILER_VERSION;
-constexpr const char* kBuildTreeDirectory = QUOR_BUILD_TREE_DIR;
+constexpr std::string_view compilerVersion = QUOR_COMPILER_VERSION;
+constexpr const char* buildTreeDirectory = QUOR_BUILD_TREE_DIR;
 
 // ---------------------------------------------------------------------------
 // Readiness marker
@@ -76,20 +77,15 @@ constexpr const char* kBuildTreeDirectory = QUOR_BUILD_TREE_DIR;
 //     fingerprint=<library fingerprint>
 // Keys are positional. Values read back are trimmed; expected values are not,
 // so an identity whose text begins or ends with white space never validates.
-
-constexpr std::string_view kMarkerFileName = ".quor-stdlib-ready";
-constexpr std::string_view kMarkerHeader = "QUOR_STANDARD_LIBRARY_CACHE";
-constexpr int kMarkerFormat = 1;
-
-// Only these four bytes are white space; a vertical tab or a form feed is content.
-constexpr std::string_view kWhiteSpace = " \t\r\n";
+// The names and numbers are compiler/CacheLayout.h's, which the tool shares;
+// only space, tab, carriage return and line feed count as white space.
 
 std::string_view trim(std::string_view text) {
-    const std::size_t first = text.find_first_not_of(kWhiteSpace);
+    const std::size_t first = text.find_first_not_of(layout::lineWhiteSpace);
     if (first == std::string_view::npos) {
         return {};
     }
-    const std::size_t last = text.find_last_not_of(kWhiteSpace);
+    const std::size_t last = text.find_last_not_of(layout::lineWhiteSpace);
     return text.substr(first, last - first + 1);
 }
 
@@ -112,14 +108,12 @@ std::string_view markerValue(std::string_view line, std::string_view key) {
 //
 // Only a regular file opens. The open does not wait (a FIFO would otherwise
 // block until some writer came), and a FIFO, a device, a socket or a directory
-// then reads as a file that is not there. A line longer than kMaxLineLength
+// then reads as a file that is not there. A line longer than layout::maxLineLength
 // fails the read instead of growing without end: no marker line or fingerprint
 // line of that length can certify anything, and a huge sparse file or a link
 // to /dev/zero must be judged as fast as any other.
 class LineReader {
 public:
-    static constexpr std::size_t kMaxLineLength = 64 * 1024;
-
     explicit LineReader(const char* path)
         : fd_(::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)), opened_(fd_ >= 0) {
         struct stat status {};
@@ -175,7 +169,7 @@ private:
             const auto* newline =
                 static_cast<const char*>(std::memchr(begin, '\n', size_ - position_));
             const char* end = newline != nullptr ? newline : buffer_ + size_;
-            if (line.size() + static_cast<std::size_t>(end - begin) > kMaxLineLength) {
+            if (line.size() + static_cast<std::size_t>(end - begin) > layout::maxLineLength) {
                 // Nothing after an over-long line is read either.
                 position_ = size_ = 0;
                 ::close(fd_); // opened read-only: closing cannot lose anything
@@ -237,11 +231,11 @@ bool markerCertifies(const char* markerPath, std::string_view version, int abiVe
     char abiText[16];
     char formatText[16];
     const std::string_view abi = decimal(abiVersion, abiText);
-    const std::string_view format = decimal(kMarkerFormat, formatText);
+    const std::string_view format = decimal(layout::markerFormat, formatText);
     std::string_view line;
     // The header is compared untrimmed: a carriage return after it (a marker
     // rewritten with CRLF line ends) makes the whole marker invalid.
-    return reader.readLine(line) && line == kMarkerHeader && reader.readLine(line) &&
+    return reader.readLine(line) && line == layout::markerHeader && reader.readLine(line) &&
            markerValue(line, "format") == format && reader.readLine(line) &&
            markerValue(line, "version") == version && reader.readLine(line) &&
            markerValue(line, "abi") == abi && reader.readLine(line) &&
@@ -269,7 +263,7 @@ std::string temporaryMarkerSuffix() {
 
 StandardLibraryCacheState::StandardLibraryCacheState(fs::path cacheDirectory, std::string version,
                                                      int abiVersion, std::string fingerprint)
-    : markerPath(std::move(cacheDirectory) / kMarkerFileName), version(std::move(version)),
+    : markerPath(std::move(cacheDirectory) / layout::markerFileName), version(std::move(version)),
       abiVersion(abiVersion), fingerprint(std::move(fingerprint)) {}
 
 bool StandardLibraryCacheState::isReady() const {
@@ -296,8 +290,8 @@ void StandardLibraryCacheState::markReady() const {
         }
         // The global locale may group digits; the marker's numbers never are.
         stream.imbue(std::locale::classic());
-        stream << kMarkerHeader << '\n'
-               << "format=" << kMarkerFormat << '\n'
+        stream << layout::markerHeader << '\n'
+               << "format=" << layout::markerFormat << '\n'
                << "version=" << version << '\n'
                << "abi=" << abiVersion << '\n'
                << "fingerprint=" << fingerprint << '\n';
@@ -333,12 +327,6 @@ namespace {
 // fingerprint comes from the installed library, else from the build tree, else
 // from a fallback that can never look like a real fingerprint.
 
-constexpr std::string_view kInstalledFingerprintFile = ".quor-stdlib-fingerprint";
-constexpr const char* kGeneratedDirectory = "generated";
-constexpr const char* kBuildTreeFingerprintFile = "quor-stdlib.fingerprint";
-constexpr std::string_view kFirstLaunchDirectory = ".first-launch";
-constexpr std::size_t kFingerprintLength = 64;
-
 bool isHexDigit(char c) {
     return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'F') || (c >= 'a' && c <= 'f');
 }
@@ -355,7 +343,7 @@ std::string readFingerprint(LineReader& reader) {
         return {};
     }
     line = trim(line);
-    if (line.size() != kFingerprintLength) {
+    if (line.size() != layout::fingerprintLength) {
         return {};
     }
     // Checked and lowered in one pass. Of the hexadecimal digits only 'A' to
@@ -377,7 +365,7 @@ std::string readFingerprintFile(const std::string& path) {
 }
 
 std::string fallbackFingerprint() {
-    return "version-" + std::string(kCompilerVersion) + "-abi-" +
+    return "version-" + std::string(compilerVersion) + "-abi-" +
            std::to_string(Compiler::objectAbiVersion());
 }
 
@@ -435,7 +423,7 @@ struct FirstLaunchIdentity {
 
 // The installed fingerprint file of the library at `libraryDirectory`.
 std::string installedFingerprintFile(std::string libraryDirectory) {
-    appendPathElement(libraryDirectory, kInstalledFingerprintFile);
+    appendPathElement(libraryDirectory, layout::installedFingerprintFile);
     return libraryDirectory;
 }
 
@@ -444,9 +432,9 @@ FirstLaunchIdentity firstLaunchIdentityAfter(std::string installed) {
     FirstLaunchIdentity identity;
     identity.fingerprint = std::move(installed);
     if (identity.fingerprint.empty()) {
-        std::string file(kBuildTreeDirectory);
-        appendPathElement(file, kGeneratedDirectory);
-        appendPathElement(file, kBuildTreeFingerprintFile);
+        std::string file(buildTreeDirectory);
+        appendPathElement(file, layout::generatedDirectory);
+        appendPathElement(file, layout::buildTreeFingerprintFile);
         identity.fingerprint = readFingerprintFile(file);
     }
     if (identity.fingerprint.empty()) {
@@ -457,14 +445,14 @@ FirstLaunchIdentity firstLaunchIdentityAfter(std::string installed) {
     std::string& marker = identity.markerPath;
     // Room for the pieces below and a library-cache leaf of up to 64 bytes,
     // so that the text is normally allocated once.
-    marker.reserve(cacheRoot.size() + kFirstLaunchDirectory.size() + kCompilerVersion.size() +
-                   kMarkerFileName.size() + 64 + 4);
+    marker.reserve(cacheRoot.size() + layout::firstLaunchDirectory.size() + compilerVersion.size() +
+                   layout::markerFileName.size() + 64 + 4);
     marker = cacheRoot;
-    appendPathElement(marker, kFirstLaunchDirectory);
-    appendPathElement(marker, kCompilerVersion);
+    appendPathElement(marker, layout::firstLaunchDirectory);
+    appendPathElement(marker, compilerVersion);
     appendPathElement(marker, fileNameOf(Runtime::getInstance().getLibCachePath()));
     identity.stateDirectoryLength = marker.size();
-    appendPathElement(marker, kMarkerFileName);
+    appendPathElement(marker, layout::markerFileName);
     return identity;
 }
 
@@ -479,7 +467,7 @@ FirstLaunchIdentity currentFirstLaunchIdentity() {
 }
 
 bool isReady(const FirstLaunchIdentity& identity) {
-    return markerCertifies(identity.markerPath.c_str(), kCompilerVersion, identity.abiVersion,
+    return markerCertifies(identity.markerPath.c_str(), compilerVersion, identity.abiVersion,
                            identity.fingerprint);
 }
 
@@ -488,7 +476,7 @@ bool isReady(const FirstLaunchIdentity& identity) {
 StandardLibraryCacheState cacheStateOf(const FirstLaunchIdentity& identity) {
     return StandardLibraryCacheState(
         fs::path(std::string_view(identity.markerPath).substr(0, identity.stateDirectoryLength)),
-        std::string(kCompilerVersion), identity.abiVersion, identity.fingerprint);
+        std::string(compilerVersion), identity.abiVersion, identity.fingerprint);
 }
 
 StandardLibraryCacheState currentFirstLaunchState() {
@@ -566,8 +554,6 @@ void report(const StandardLibraryBootstrapCallback& callback, StandardLibraryBoo
 
 // ---------------------------------------------------------------------------
 // Driver
-
-constexpr const char* kSourceExtension = ".qr";
 
 // The build lock: an exclusive flock on a file beside the state directory,
 // held for one whole build. The file is never deleted, so every process locks
@@ -647,7 +633,7 @@ bool isCompilableUnit(const fs::directory_entry& entry) {
     if (error || fs::is_symlink(ownStatus) || ownStatus.type() != fs::file_type::regular) {
         return false;
     }
-    if (entry.path().extension() != fs::path(kSourceExtension)) {
+    if (entry.path().extension() != layout::sourceExtension) {
         return false;
     }
     return !isExcludedByHeader(entry.path());
@@ -793,7 +779,8 @@ StandardLibraryBootstrap::ensure(const StandardLibraryBootstrapCallback& progres
                                  "': " + error.message());
     }
     BootstrapLock lock(lockDirectory /
-                       (".stdlib-bootstrap-" + stateDirectory.filename().string() + ".lock"));
+                       (std::string(layout::lockFilePrefix) + stateDirectory.filename().string() +
+                        std::string(layout::lockFileSuffix)));
     acquire(lock);
 
     // Only this second look, under the lock, decides: another process may have
@@ -873,7 +860,7 @@ StandardLibraryBootstrap::olderCacheVersions(const fs::path& cacheRoot,
 }
 
 std::vector<fs::path> StandardLibraryBootstrap::olderCacheVersions() {
-    return olderCacheVersions(defaultCacheRoot(), std::string(kCompilerVersion));
+    return olderCacheVersions(defaultCacheRoot(), std::string(compilerVersion));
 }
 
 std::size_t StandardLibraryBootstrap::removeOlderCacheVersions(const fs::path& cacheRoot,
@@ -900,7 +887,7 @@ std::size_t StandardLibraryBootstrap::removeOlderCacheVersions(const fs::path& c
             throw std::runtime_error("Unable to remove old Quor cache '" + candidate.native() +
                                      "': " + error.message());
         }
-        const fs::path state = root / kFirstLaunchDirectory / target.filename();
+        const fs::path state = root / layout::firstLaunchDirectory / target.filename();
         fs::remove_all(state, error);
         if (error && error != std::errc::no_such_file_or_directory) {
             throw std::runtime_error("Unable to remove old Quor first-launch state '" +
@@ -912,7 +899,7 @@ std::size_t StandardLibraryBootstrap::removeOlderCacheVersions(const fs::path& c
 }
 
 std::size_t StandardLibraryBootstrap::removeOlderCacheVersions() {
-    return removeOlderCacheVersions(defaultCacheRoot(), std::string(kCompilerVersion));
+    return removeOlderCacheVersions(defaultCacheRoot(), std::string(compilerVersion));
 }
 
 } // namespace quor::compiler

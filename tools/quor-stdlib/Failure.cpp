@@ -12,6 +12,10 @@ namespace quor::stdlibtool {
 std::string_view failureKind(std::string_view message) {
     if (message.starts_with("Unable to lock Quor standard-library cache '"))
         return "lock";
+    // An object the precompiler could not write is trouble with the disk,
+    // though the message names the unit as a compile error does.
+    if (message.find(": unable to write its object '") != std::string_view::npos)
+        return "io";
     // The precompiler names the unit and the place: "<path>:<line>:<column>: ".
     static const std::regex place(R"(^.*:[0-9]+:[0-9]+: )");
     if (std::regex_search(message.begin(), message.end(), place))

@@ -85,8 +85,9 @@ int runPrune(const Invocation& invocation, Console& console) {
     try {
         configureRuntime(invocation);
         const CachePaths paths = currentPaths();
+        // The root shown and locked; what is listed and removed is the
+        // bootstrap's own choice, from the same runtime and compiled-in version.
         const fs::path root = paths.cacheRoot;
-        const std::string version(compilerVersion());
         // Removal goes by path below the cache root: only a root that nobody
         // else can change may be pruned.
         if (guardCache(paths, CacheUse::Prune) == compiler::CacheAccess::ReadOnly &&
@@ -95,8 +96,7 @@ int runPrune(const Invocation& invocation, Console& console) {
         std::vector<Candidate> candidates;
         std::uint64_t listedBytes = 0;
         std::uint64_t listedFiles = 0;
-        for (const auto& path :
-             compiler::StandardLibraryBootstrap::olderCacheVersions(root, version)) {
+        for (const auto& path : compiler::StandardLibraryBootstrap::olderCacheVersions()) {
             const VersionSize size = versionSize(root, path.filename().string());
             candidates.push_back({path, size.bytes});
             listedBytes += size.bytes;
@@ -131,7 +131,7 @@ int runPrune(const Invocation& invocation, Console& console) {
             // below erases it before the error is printed.
             RemovalProgress progress(console, text && console.errIsTerminal(), listedFiles);
             emptyOlderVersions(root, candidates, progress);
-            removed = compiler::StandardLibraryBootstrap::removeOlderCacheVersions(root, version);
+            removed = compiler::StandardLibraryBootstrap::removeOlderCacheVersions();
             progress.finish();
             for (const auto& candidate : candidates) {
                 std::error_code error;
@@ -149,7 +149,7 @@ int runPrune(const Invocation& invocation, Console& console) {
             // The same names as in `status`: "version" is the running
             // compiler's, "olderVersions" what it would prune.
             out << jsonText(nlohmann::ordered_json{{"cacheRoot", root.string()},
-                                                   {"version", version},
+                                                   {"version", compilerVersion()},
                                                    {"dryRun", invocation.prune.dryRun},
                                                    {"olderVersions", std::move(versions)},
                                                    {"olderVersionsBytes", listedBytes},

@@ -120,11 +120,21 @@ StatusReport gatherStatus(bool check) {
         report.blockedRoot = blockedCacheRoot(report.paths.cacheRoot);
     }
     if (report.refusal.empty()) {
-        const compiler::StandardLibraryCacheState state(
-            report.paths.stateDirectory, report.identity.version, report.identity.abiVersion,
-            report.identity.fingerprint);
-        report.ready = state.isReady();
+        // The answer, and with it the exit status of --check, is the
+        // bootstrap's own: with the library there, the cache is ready exactly
+        // when isRequired() says no build is needed. Only without a library,
+        // where isRequired() is false whatever the marker says, is the marker
+        // judged by the bootstrap's state class for the identity worked out
+        // here. The diagnosis below explains; it decides nothing.
         report.buildRequired = compiler::StandardLibraryBootstrap::isRequired();
+        if (report.libraryFound) {
+            report.ready = !report.buildRequired;
+        } else {
+            const compiler::StandardLibraryCacheState state(
+                report.paths.stateDirectory, report.identity.version, report.identity.abiVersion,
+                report.identity.fingerprint);
+            report.ready = state.isReady();
+        }
         report.marker = diagnoseMarker(report.paths.marker, report.identity);
     } else {
         // What lies in a cache root that others can change vouches for nothing,
