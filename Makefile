@@ -15,7 +15,7 @@ TOOL := $(BUILD)/tools/quor-stdlib/quor-stdlib
 # tool's goals then keep the suites.
 TOOL_PRESET = $(if $(shell grep -sx 'QUOR_BUILD_TESTS:BOOL=ON' $(BUILD)/CMakeCache.txt),default,tool)
 
-.PHONY: all deps configure configure-tests build test run bench stress install package format clean
+.PHONY: all deps configure configure-tests build test run bench stress install package tidy format clean
 
 all: build
 
@@ -58,6 +58,12 @@ install: configure
 package:
 	@bash .ci/install-deps package && bash .ci/configure $(PACKAGE_BUILD) package $(CMAKE_FLAGS)
 	cmake --build --preset package
+
+# clang-tidy (.clang-tidy) over the unit, the services and the tool, with the
+# compile commands of the default tree; any finding fails the goal.
+tidy: configure-tests
+	@bash .ci/install-deps tidy
+	cmake --build --preset default && run-clang-tidy -p $(BUILD) -quiet '$(CURDIR)/(compiler|tools)/.*\.cpp$$'
 
 format:
 	git ls-files '*.cpp' '*.h' | xargs clang-format -i

@@ -38,7 +38,7 @@ inline constexpr std::size_t markerLineCount = 5;
 
 // A marker or fingerprint line longer than this cannot certify anything; its
 // read fails instead of growing without end.
-inline constexpr std::size_t maxLineLength = 64 * 1024;
+inline constexpr std::size_t maxLineLength = std::size_t{64} * 1024;
 
 // What a marker value and a fingerprint line are trimmed of; a vertical tab or
 // a form feed is content.

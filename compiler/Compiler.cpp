@@ -432,7 +432,9 @@ void Compiler::ensureObjectAbiCacheCurrent() {
 }
 
 void Compiler::precompileSources(
-    const std::vector<std::string>& sources, std::shared_ptr<Context> context,
+    const std::vector<std::string>& sources,
+    std::shared_ptr<Context>
+        context, // NOLINT(performance-unnecessary-value-param): the contract's signature
     const std::function<void(const CompilationProgress&)>& onProgress) {
     // The front end keeps no state across units yet, so the context is unused.
     (void)context;

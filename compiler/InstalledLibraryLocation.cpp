@@ -27,7 +27,9 @@
 
 // Weak: a program built without the package's flags has no definition, and
 // the address then compares equal to null.
-extern "C" [[gnu::weak]] const char* quor_package_location_file();
+// The name is a C symbol that PackageLocation.cpp defines in the consumer.
+extern "C" [[gnu::weak]] const char*
+quor_package_location_file(); // NOLINT(readability-identifier-naming)
 
 namespace quor::compiler::location {
 

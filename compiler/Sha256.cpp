@@ -28,7 +28,7 @@ namespace {
 #define QUOR_SHA256_TEXT(value) #value
 #define QUOR_SHA256_SONAME(major) "libcrypto.so." QUOR_SHA256_TEXT(major)
 
-constexpr const char* kLibcrypto = QUOR_SHA256_SONAME(OPENSSL_VERSION_MAJOR);
+constexpr const char* libcryptoName = QUOR_SHA256_SONAME(OPENSSL_VERSION_MAJOR);
 
 // The entry points of libcrypto this file uses, resolved once per process.
 struct Libcrypto {
@@ -56,10 +56,10 @@ template <typename Function> bool resolve(void* library, const char* name, Funct
 Libcrypto loadLibcrypto() {
     Libcrypto crypto;
     // Never closed: the algorithm and every context point into it.
-    void* library = ::dlopen(kLibcrypto, RTLD_NOW | RTLD_LOCAL);
+    void* library = ::dlopen(libcryptoName, RTLD_NOW | RTLD_LOCAL);
     if (library == nullptr) {
         const char* reason = ::dlerror();
-        crypto.failure = std::string("Unable to load ") + kLibcrypto +
+        crypto.failure = std::string("Unable to load ") + libcryptoName +
                          " for SHA-256: " + (reason != nullptr ? reason : "unknown error");
         return crypto;
     }
@@ -70,7 +70,7 @@ Libcrypto loadLibcrypto() {
         !resolve(library, "EVP_DigestInit_ex", crypto.digestInit) ||
         !resolve(library, "EVP_DigestUpdate", crypto.digestUpdate) ||
         !resolve(library, "EVP_DigestFinal_ex", crypto.digestFinal)) {
-        crypto.failure = std::string(kLibcrypto) + " lacks the SHA-256 digest functions";
+        crypto.failure = std::string(libcryptoName) + " lacks the SHA-256 digest functions";
         return crypto;
     }
     const EVP_MD* fetched = crypto.mdFetch(nullptr, "SHA256", nullptr);

@@ -261,9 +261,11 @@ std::string temporaryMarkerSuffix() {
 // ---------------------------------------------------------------------------
 // Cache state
 
-StandardLibraryCacheState::StandardLibraryCacheState(fs::path cacheDirectory, std::string version,
-                                                     int abiVersion, std::string fingerprint)
-    : markerPath(std::move(cacheDirectory) / layout::markerFileName), version(std::move(version)),
+// The parameters are the class's published signature, taken by value.
+StandardLibraryCacheState::StandardLibraryCacheState(
+    fs::path cacheDirectory, // NOLINT(performance-unnecessary-value-param)
+    std::string version, int abiVersion, std::string fingerprint)
+    : markerPath(cacheDirectory / layout::markerFileName), version(std::move(version)),
       abiVersion(abiVersion), fingerprint(std::move(fingerprint)) {}
 
 bool StandardLibraryCacheState::isReady() const {

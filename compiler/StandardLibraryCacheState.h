@@ -34,10 +34,13 @@ public:
     const std::filesystem::path& getMarkerPath() const { return markerPath; }
 
 private:
+    // The names the class is published with, not the underscore of the rest.
+    // NOLINTBEGIN(readability-identifier-naming)
     std::filesystem::path markerPath;
     std::string version;
     std::int32_t abiVersion;
     std::string fingerprint;
+    // NOLINTEND(readability-identifier-naming)
 };
 
 } // namespace quor::compiler

@@ -39,7 +39,7 @@ namespace layout = compiler::layout;
 
 namespace {
 
-std::string trim(std::string text) {
+std::string trim(const std::string& text) {
     const auto first = text.find_first_not_of(layout::lineWhiteSpace);
     if (first == std::string::npos)
         return {};
@@ -258,7 +258,7 @@ std::string readFingerprintFile(const fs::path& file) {
     std::string line;
     if (reader.readLine(line) != LineFile::Read::Line)
         return {};
-    line = trim(std::move(line));
+    line = trim(line);
     if (line.size() != layout::fingerprintLength ||
         !std::all_of(line.begin(), line.end(), isHexDigit))
         return {};

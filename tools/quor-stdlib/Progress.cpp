@@ -97,15 +97,15 @@ std::string ProgressView::renderLine(const Line& line, unsigned columns) {
                             {false, false, false, true},
                             {false, false, false, false}};
     for (const Fit& fit : fits) {
-        const std::string tail = std::string(counts) + (fit.elapsed ? elapsed : "") +
-                                 (fit.elapsed && fit.left ? left : "") + (fit.label ? label : "");
+        std::string tail = std::string(counts) + (fit.elapsed ? elapsed : "") +
+                           (fit.elapsed && fit.left ? left : "") + (fit.label ? label : "");
         if (!fit.bar) {
             if (tail.size() <= width)
                 return tail;
             break;
         }
         for (std::size_t barWidth = 20; barWidth >= 5; --barWidth) {
-            const std::string text = bar(barWidth) + tail;
+            std::string text = bar(barWidth) + tail;
             if (text.size() <= width)
                 return text;
         }

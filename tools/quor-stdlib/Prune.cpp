@@ -123,6 +123,7 @@ int runPrune(const Invocation& invocation, Console& console) {
         if (!invocation.prune.dryRun && !candidates.empty()) {
             VersionLocks locks;
             std::vector<fs::path> versions;
+            versions.reserve(candidates.size());
             for (const auto& candidate : candidates)
                 versions.push_back(candidate.path);
             if (const auto busy = locks.acquire(root, versions))

@@ -136,7 +136,7 @@ std::string badValue(std::string_view expected, const std::string& text) {
 // The parser's complaints in the form every other usage error has. Its own
 // texts ("--jobs: 1 required N missing") name a mechanism, not what to type.
 std::string parseErrorMessage(const CLI::ParseError& error) {
-    const std::string text = error.what();
+    std::string text = error.what();
     if (error.get_name() == "ArgumentMismatch") {
         const std::string option = text.substr(0, text.find(':'));
         if (const auto expected = expectedValues.find(option); expected != expectedValues.end())
