@@ -6,8 +6,8 @@
 #include "compiler/CacheTrust.h"
 #include "compiler/Compiler.h"
 #include "compiler/StandardLibraryBootstrap.h"
-#include "tests/services/ServicesTestSupport.h"
 #include "quor/Config.h"
+#include "tests/services/ServicesTestSupport.h"
 
 #include "ChildChecks.h"
 
@@ -18,6 +18,7 @@
 
 #include <functional>
 #include <optional>
+#include <tuple>
 
 namespace quor::test {
 namespace {
@@ -91,6 +92,73 @@ TEST_F(CacheTrustTest, DirectoryOnTheWayWritableByOthersWithoutStickyBitIsRefuse
                   "' is writable by other users and not sticky; choose a cache root that only "
                   "you can change");
     EXPECT_FALSE(fs::exists(open / "cache"));
+}
+
+// Write permission for the group alone is enough to replace a cache root: a
+// shared project directory (mode 0775) is no safer than /tmp without its
+// sticky bit.
+TEST_F(CacheTrustTest, DirectoryOnTheWayWritableByItsGroupWithoutStickyBitIsRefused) {
+    const fs::path team = directory_.path() / "team";
+    fs::create_directory(team);
+    ::chmod(team.c_str(), 0775);
+    EXPECT_EQ(refusal([&] { verifyCacheRoot(team / "cache", {}, true); }),
+              "Refusing to use Quor cache root '" + (team / "cache").native() + "': '" +
+                  team.native() +
+                  "' is writable by other users and not sticky; choose a cache root that only "
+                  "you can change");
+    EXPECT_FALSE(fs::exists(team / "cache"));
+
+    // The same directory made sticky protects what lies in it.
+    ::chmod(team.c_str(), 01775);
+    EXPECT_EQ(verifyCacheRoot(team / "cache", {}, true), CacheAccess::Writable);
+    EXPECT_TRUE(fs::is_directory(team / "cache"));
+}
+
+// A file of one's own cache that the group or others may write: whoever can
+// write the lock file or the ABI record can make a build trust what it should
+// not. Mode 0664 is what a umask of 002 gives.
+class CacheFileWritableByOthers : public CacheTrustTest,
+                                  public ::testing::WithParamInterface<std::tuple<Kind, mode_t>> {};
+
+TEST_P(CacheFileWritableByOthers, IsRefused) {
+    const auto [kind, mode] = GetParam();
+    fs::create_directories(root());
+    const fs::path file = root() / (kind == Kind::LockFile ? "build.lock" : ".quor-object-abi");
+    writeFile(file, kind == Kind::LockFile ? "" : "2\n");
+    ASSERT_EQ(::chmod(file.c_str(), mode), 0);
+    EXPECT_EQ(refusal([&] {
+                  verifyCacheRoot(root(), {{file, kind}}, true);
+              }),
+              "Refusing to use Quor cache root '" + root().native() + "': '" + file.native() +
+                  "' is writable by other users; remove their write permission (chmod go-w)");
+
+    ASSERT_EQ(::chmod(file.c_str(), 0644), 0);
+    EXPECT_EQ(verifyCacheRoot(root(), {{file, kind}}, true), CacheAccess::Writable);
+}
+
+INSTANTIATE_TEST_SUITE_P(LockFileAndDataFile, CacheFileWritableByOthers,
+                         ::testing::Combine(::testing::Values(Kind::LockFile, Kind::DataFile),
+                                            ::testing::Values(mode_t(0664), mode_t(0666))),
+                         [](const auto& info) {
+                             const Kind kind = std::get<0>(info.param);
+                             const mode_t mode = std::get<1>(info.param);
+                             return std::string(kind == Kind::LockFile ? "LockFile" : "DataFile") +
+                                    (mode == 0664 ? "WritableByItsGroup" : "WritableByAll");
+                         });
+
+// The ABI record the services keep in the library cache is held to that rule
+// before the ABI check reads it.
+TEST_F(CacheTrustTest, AbiRecordOfTheOwnLibraryCacheWritableByItsGroupIsRefused) {
+    const fs::path lib = root() / QUOR_COMPILER_VERSION / "lib";
+    writeFile(lib / ".quor-object-abi", std::to_string(Compiler::objectAbiVersion()) + "\n");
+    writeFile(lib / "core" / "Int.qo", "kept\n");
+    ASSERT_EQ(::chmod((lib / ".quor-object-abi").c_str(), 0664), 0);
+    ScopedRuntime runtime({(directory_.path() / "stdlib").native(), root().native(), 1});
+    EXPECT_EQ(refusal([] { Compiler::ensureObjectAbiCacheCurrent(); }),
+              "Refusing to use Quor cache root '" + root().native() + "': '" +
+                  (lib / ".quor-object-abi").native() +
+                  "' is writable by other users; remove their write permission (chmod go-w)");
+    EXPECT_EQ(readFile(lib / "core" / "Int.qo"), "kept\n");
 }
 
 TEST_F(CacheTrustTest, CacheRootOfAnotherUserInASharedStickyDirectoryIsRefused) {
@@ -228,6 +296,62 @@ TEST_F(RemovedDuringTheBuild, RemovalBeforeTheUnitsAreCompiledFailsTheBuild) {
         message = error.what();
     }
     EXPECT_EQ(message, replacedMessage());
+}
+
+// Another process's clean (a newer compiler's pruning, then a start of this
+// one) can leave a library cache of the same name, with a current ABI record,
+// that is another directory: what the ABI check vouched for is gone. The new
+// directory is made before the old one goes, so that it cannot be handed the
+// old one's inode number.
+TEST_F(RemovedDuringTheBuild, ACacheRemovedAndCreatedAgainBeforeThePrecompilerStartsIsRefused) {
+    ASSERT_TRUE(StandardLibraryBootstrap::ensure({}).bootstrapped);
+    Compiler::ensureObjectAbiCacheCurrent();
+    const fs::path again = root() / QUOR_COMPILER_VERSION / "lib.again";
+    writeFile(again / ".quor-object-abi", std::to_string(Compiler::objectAbiVersion()) + "\n");
+    fs::remove_all(lib());
+    fs::rename(again, lib());
+    std::string message = "no failure";
+    try {
+        Compiler::precompileSources({(library() / "core" / "Int.qr").native()}, nullptr, {});
+    } catch (const std::runtime_error& error) {
+        message = error.what();
+    }
+    EXPECT_EQ(message, replacedMessage());
+    EXPECT_TRUE(StandardLibraryBootstrap::isRequired());
+    EXPECT_FALSE(fs::exists(lib() / "core" / "Int.qo"));
+}
+
+// The same directory, but an older compiler's ABI check has recorded its own
+// ABI in it (and so cleared it) since this build's check.
+TEST_F(RemovedDuringTheBuild, AnAbiRecordRewrittenBeforeThePrecompilerStartsIsRefused) {
+    Compiler::ensureObjectAbiCacheCurrent();
+    writeFile(lib() / ".quor-object-abi", std::to_string(Compiler::objectAbiVersion() - 1) + "\n");
+    std::string message = "no failure";
+    try {
+        Compiler::precompileSources({(library() / "core" / "Int.qr").native()}, nullptr, {});
+    } catch (const std::runtime_error& error) {
+        message = error.what();
+    }
+    EXPECT_EQ(message, replacedMessage());
+    EXPECT_FALSE(fs::exists(lib() / "core" / "Int.qo"));
+}
+
+TEST_F(RemovedDuringTheBuild, AnAbiRecordRewrittenAfterTheLastUnitFailsTheBuildAndLeavesNoMarker) {
+    std::string message = "no failure";
+    try {
+        StandardLibraryBootstrap::ensure([&](const compiler::StandardLibraryBootstrapProgress& p) {
+            if (p.stage == compiler::StandardLibraryBootstrapStage::Compiling &&
+                p.completed == p.total)
+                writeFile(lib() / ".quor-object-abi",
+                          std::to_string(Compiler::objectAbiVersion() - 1) + "\n");
+        });
+    } catch (const std::runtime_error& error) {
+        message = error.what();
+    }
+    EXPECT_EQ(message, replacedMessage());
+    EXPECT_TRUE(StandardLibraryBootstrap::isRequired());
+    EXPECT_FALSE(fs::exists(root() / ".first-launch" / QUOR_COMPILER_VERSION / "lib" /
+                            ".quor-stdlib-ready"));
 }
 
 TEST_F(RemovedDuringTheBuild, UntouchedBuildStillSucceeds) {

@@ -9,8 +9,8 @@
 #include "compiler/Sha256.h"
 #include "compiler/SourceManager.h"
 #include "compiler/StandardLibraryBootstrap.h"
-#include "tests/services/ServicesTestSupport.h"
 #include "quor/Config.h"
+#include "tests/services/ServicesTestSupport.h"
 
 #include <gtest/gtest.h>
 
@@ -145,6 +145,30 @@ TEST_F(IncrementalBuildTest, AChangedUnitIsTheOnlyOneCompiledAndEveryUnitIsRepor
     EXPECT_EQ(outcome.summary.compiled, 1u);
     EXPECT_EQ(outcome.summary.reused, library.size() - 1);
     EXPECT_EQ(outcome.reports, library.size());
+    expectCleanEquivalent(library);
+}
+
+// Every other edit in these tests changes a unit's length. This one keeps it, so
+// only the digest of the bytes tells the old object from the one needed now.
+TEST_F(IncrementalBuildTest, AnEditThatKeepsTheByteCountIsCompiledAgain) {
+    Library library = sampleLibrary();
+    build(library, cacheRoot());
+    const std::string before = library["core/Text.qr"];
+    std::string& text = library["core/Text.qr"];
+    const std::size_t digit = text.find("return 1");
+    ASSERT_NE(digit, std::string::npos);
+    text.replace(digit, 8, "return 5");
+    ASSERT_EQ(text.size(), before.size());
+    ASSERT_NE(text, before);
+
+    const Outcome outcome = build(library, cacheRoot());
+
+    EXPECT_TRUE(outcome.bootstrapped);
+    EXPECT_EQ(outcome.summary.compiled, 1u);
+    EXPECT_EQ(outcome.summary.reused, library.size() - 1);
+    const std::string object = readFile(libCache(cacheRoot()) / "core" / "Text.qo");
+    EXPECT_NE(object.find("source-sha256\t" + Sha256::hex(text) + "\n"), std::string::npos)
+        << object;
     expectCleanEquivalent(library);
 }
 

@@ -3,19 +3,28 @@
 // it changes an object, so that a failed or unfinished build never leaves the
 // other library's marker vouching for objects it did not see.
 
+#include "compiler/Compiler.h"
+#include "compiler/ObjectCache.h"
+#include "compiler/SourceManager.h"
 #include "compiler/StandardLibraryBootstrap.h"
-#include "tests/services/ServicesTestSupport.h"
 #include "quor/Config.h"
+#include "tests/services/ServicesTestSupport.h"
 
 #include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/inotify.h>
+#include <unistd.h>
 
 #include <functional>
 #include <optional>
 #include <stdexcept>
+#include <vector>
 
 namespace quor::test {
 namespace {
 
+using compiler::Compiler;
 using compiler::StandardLibraryBootstrap;
 using compiler::StandardLibraryBootstrapProgress;
 using compiler::StandardLibraryBootstrapStage;
@@ -105,6 +114,75 @@ TEST_F(MarkerWithdrawal, BuildOfAnotherLibraryWithdrawsTheMarkerBeforeItsFirstOb
     });
     EXPECT_FALSE(markerSeenDuringTheBuild);
     EXPECT_FALSE(fs::exists(marker()));
+}
+
+// The changes made below a set of directories, in the order the kernel made
+// them: one inotify instance queues the events of all its watches in one line.
+class ChangeLog {
+public:
+    explicit ChangeLog(const std::vector<fs::path>& directories)
+        : fd_(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
+        EXPECT_GE(fd_, 0);
+        constexpr std::uint32_t changes = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO |
+                                          IN_MODIFY | IN_CLOSE_WRITE | IN_ATTRIB;
+        for (const fs::path& directory : directories) {
+            const int watch = ::inotify_add_watch(fd_, directory.c_str(), changes);
+            EXPECT_GE(watch, 0) << directory;
+            watched_[watch] = directory;
+        }
+    }
+    ~ChangeLog() { ::close(fd_); }
+    ChangeLog(const ChangeLog&) = delete;
+    ChangeLog& operator=(const ChangeLog&) = delete;
+
+    // Each change so far as the path it touched.
+    std::vector<fs::path> changes() {
+        std::vector<fs::path> paths;
+        alignas(inotify_event) char buffer[64 * 1024];
+        while (true) {
+            const ssize_t length = ::read(fd_, buffer, sizeof buffer);
+            if (length <= 0)
+                return paths;
+            for (ssize_t at = 0; at < length;) {
+                const auto* event = reinterpret_cast<const inotify_event*>(buffer + at);
+                if (event->len > 0)
+                    paths.push_back(watched_[event->wd] / event->name);
+                at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
+            }
+        }
+    }
+
+private:
+    int fd_;
+    std::map<int, fs::path> watched_;
+};
+
+// A caller that runs the precompiler without the ABI check first (a compiler
+// that rebuilds its library by itself) gets the same protection: the marker is
+// gone, durably, before anything in the library cache changes.
+TEST_F(MarkerWithdrawal, PrecompileSourcesOnItsOwnWithdrawsAReadyMarkerBeforeItChangesAnything) {
+    use(libraryA(), cacheRoot());
+    ASSERT_TRUE(StandardLibraryBootstrap::ensure({}).bootstrapped);
+    ASSERT_TRUE(fs::exists(marker()));
+    // Something for the build to remove, and a unit for it to compile again.
+    writeFile(libCache(cacheRoot()) / "gone" / "Old.qo", "left by an earlier library\n");
+    writeFile(libraryA() / "Prelude.qr", "public fn identity(y: Int) -> Int {\n    return y\n}\n");
+    compiler::SourceManager::instance().clear();
+
+    ChangeLog log({marker().parent_path(), libCache(cacheRoot()), libCache(cacheRoot()) / "gone",
+                   libCache(cacheRoot()) / "core"});
+    Compiler::precompileSources(
+        {(libraryA() / "Prelude.qr").native(), (libraryA() / "core" / "Int.qr").native()}, nullptr,
+        {});
+
+    const std::vector<fs::path> changes = log.changes();
+    ASSERT_FALSE(changes.empty());
+    EXPECT_EQ(changes.front(), marker()) << "the first change was not the marker's withdrawal";
+    EXPECT_FALSE(fs::exists(marker()));
+    // The build did change the library cache, after the withdrawal.
+    EXPECT_FALSE(fs::exists(libCache(cacheRoot()) / "gone"));
+    EXPECT_EQ(compiler::lastPrecompileSummary().compiled, 1u);
+    EXPECT_GT(changes.size(), 1u);
 }
 
 TEST_F(MarkerWithdrawal, ReadyCacheKeepsItsMarkerWhenNothingIsBuilt) {

@@ -6,10 +6,11 @@
  *
  * Configured through the environment of the process it is loaded into:
  *
- *   QUOR_IO_SHIM_LOG=<file>          appends one line per successful syncfs()
- *                                    and rename, in the order they return:
- *                                    "syncfs <directory>" and
- *                                    "rename <from> <to>"
+ *   QUOR_IO_SHIM_LOG=<file>          appends one line per successful syncfs(),
+ *                                    fsync(), fdatasync(), rename and unlink,
+ *                                    in the order they return:
+ *                                    "syncfs <directory>", "fsync <path>",
+ *                                    "rename <from> <to>" and "unlink <path>"
  *   QUOR_IO_SHIM_FAIL_WRITE=<text>   write(), pwrite() and writev() on a file
  *                                    whose path contains <text> fail with
  *                                    ENOSPC, as on a full disk
@@ -40,6 +41,9 @@ typedef int (*RenameFunction)(const char*, const char*);
 typedef int (*RenameatFunction)(int, const char*, int, const char*);
 typedef int (*Renameat2Function)(int, const char*, int, const char*, unsigned int);
 typedef int (*SyncfsFunction)(int);
+typedef int (*FsyncFunction)(int);
+typedef int (*UnlinkFunction)(const char*);
+typedef int (*UnlinkatFunction)(int, const char*, int);
 
 /* The definition this library hides, looked up on every call: dlsym() is
  * cheap next to the I/O, and a lookup kept in a static would have to be
@@ -212,6 +216,50 @@ int syncfs(int fd) {
         char path[PATH_MAX];
         pathOfDescriptor(fd, path, sizeof path);
         logLine("syncfs", path, NULL);
+    }
+    return result;
+}
+
+/* fsync() and fdatasync() log alike: either makes what the descriptor names
+ * durable, which is all the order checks ask. */
+static int syncThrough(const char* name, int fd) {
+    FsyncFunction function;
+    nextDefinition(name, &function, sizeof function);
+    const int result = function(fd);
+    if (result == 0) {
+        char path[PATH_MAX];
+        pathOfDescriptor(fd, path, sizeof path);
+        logLine("fsync", path, NULL);
+    }
+    return result;
+}
+
+int fsync(int fd) {
+    return syncThrough("fsync", fd);
+}
+
+int fdatasync(int fd) {
+    return syncThrough("fdatasync", fd);
+}
+
+int unlink(const char* path) {
+    UnlinkFunction function;
+    nextDefinition("unlink", &function, sizeof function);
+    const int result = function(path);
+    if (result == 0) {
+        logLine("unlink", path, NULL);
+    }
+    return result;
+}
+
+int unlinkat(int directory, const char* path, int flags) {
+    char whole[PATH_MAX];
+    pathFrom(directory, path, whole, sizeof whole);
+    UnlinkatFunction function;
+    nextDefinition("unlinkat", &function, sizeof function);
+    const int result = function(directory, path, flags);
+    if (result == 0) {
+        logLine("unlink", whole, NULL);
     }
     return result;
 }

@@ -1,14 +1,15 @@
 // How a build writes the library cache, seen from inside the tool's process
 // through the I/O shim (tests/support/IoShim.c, loaded with LD_PRELOAD): the
 // objects are made durable by a syncfs() of the library cache after the last
-// of them is in place and before the readiness marker is published, and a
+// of them is in place and before the readiness marker is published, the
+// withdrawal of an old marker is made durable before the first object, and a
 // write or rename that fails leaves no temporary file in the cache. Neither
 // shows in the files a build leaves behind: without its syncfs() the cache
 // looks the same until the power fails, and a full disk cannot be had on
 // demand.
 
-#include "tests/tool/ToolTestSupport.h"
 #include "quor/Config.h"
+#include "tests/tool/ToolTestSupport.h"
 
 #include <gtest/gtest.h>
 
@@ -143,6 +144,55 @@ TEST_F(DurableWrite, TheLibraryCacheIsSyncedAfterItsObjectsAndBeforeTheMarker) {
                     [&](std::size_t sync) { return sync > *lastIntoLibCache && sync < *marker; }))
         << "no syncfs() of the library cache between its last rename and the marker's:\n"
         << shown.str();
+}
+
+// A build withdraws the marker of the library it replaces before it changes an
+// object, and the withdrawal must survive a power cut as surely as the objects
+// that follow: otherwise the old marker could come back after a reboot and
+// vouch for a half-replaced cache. So the state directory is fsynced after the
+// unlink and before the first object lands.
+TEST_F(DurableWrite, TheStateDirectoryIsSyncedAfterTheMarkerIsWithdrawnAndBeforeTheFirstObject) {
+    writeFile(sandbox_.library() / ".quor-stdlib-fingerprint", std::string(64, 'a') + "\n");
+    ASSERT_EQ(runTool(sandbox_.arguments({"ensure", "--quiet"}), sandbox_.path()).status, 0);
+    ASSERT_TRUE(fs::exists(sandbox_.marker()));
+    // The next release changes one unit and says so in its fingerprint.
+    writeFile(sandbox_.library() / "core" / "Text.qr",
+              "package core\n\npublic sealed class Text : Object {\n}\n");
+    writeFile(sandbox_.library() / ".quor-stdlib-fingerprint", std::string(64, 'b') + "\n");
+
+    const ToolRun run = ensureThroughShim();
+    ASSERT_EQ(run.status, 0) << run.err;
+    const std::vector<std::string> lines = logLines();
+
+    const fs::path marker = sandbox_.marker().lexically_normal();
+    const fs::path stateDirectory = fs::canonical(sandbox_.stateDirectory());
+    std::optional<std::size_t> unlinked;
+    std::optional<std::size_t> synced;
+    std::optional<std::size_t> firstIntoLibCache;
+    for (std::size_t i = 0; i < lines.size(); ++i) {
+        std::istringstream words(lines[i]);
+        std::string call, path, to;
+        words >> call >> path >> to;
+        if (call == "unlink" && fs::path(path).lexically_normal() == marker && !unlinked)
+            unlinked = i;
+        else if (call == "fsync" && fs::path(path) == stateDirectory && unlinked && !synced)
+            synced = i;
+        else if (call == "rename" && isInside(to, libCache()) && !firstIntoLibCache)
+            firstIntoLibCache = i;
+    }
+    std::ostringstream shown;
+    for (const std::string& line : lines)
+        shown << line << '\n';
+
+    ASSERT_TRUE(unlinked.has_value()) << "the marker was never withdrawn:\n" << shown.str();
+    ASSERT_TRUE(synced.has_value())
+        << "no fsync() of " << stateDirectory << " after the withdrawal:\n"
+        << shown.str();
+    ASSERT_TRUE(firstIntoLibCache.has_value()) << shown.str();
+    EXPECT_LT(*synced, *firstIntoLibCache)
+        << "an object was written before the withdrawal was durable:\n"
+        << shown.str();
+    EXPECT_TRUE(fs::exists(sandbox_.marker()));
 }
 
 TEST_F(DurableWrite, AnObjectThatCannotBeWrittenLeavesNoTemporary) {

@@ -166,6 +166,31 @@ TEST_F(ToolTrust, DanglingLockLinkIsRefusedAndItsTargetNeverCreated) {
     EXPECT_FALSE(fs::exists(sandbox_.marker()));
 }
 
+// A lock file or an ABI record of one's own cache that the group or others may
+// write (0664 is what a umask of 002 leaves) is refused before a build trusts
+// it, and nothing is built.
+TEST_F(ToolTrust, LockFileOrAbiRecordWritableByOthersIsRefused) {
+    const fs::path root = sandbox_.cacheRoot();
+    const fs::path abiRecord = root / QUOR_COMPILER_VERSION / "lib" / ".quor-object-abi";
+    for (const fs::path& file : {sandbox_.lockFile(), abiRecord}) {
+        for (const mode_t mode : {mode_t(0664), mode_t(0666)}) {
+            ASSERT_EQ(runTool(with(root, {"ensure", "-q"}), home()).status, 0);
+            ASSERT_TRUE(fs::is_regular_file(file)) << file;
+            fs::remove(sandbox_.marker()); // a build is due
+            ASSERT_EQ(::chmod(file.c_str(), mode), 0);
+
+            const ToolRun run = runTool(with(root, {"ensure"}), home());
+
+            EXPECT_EQ(run.status, 1) << file << " " << mode;
+            EXPECT_EQ(run.err, refusal(root, file,
+                                       "is writable by other users; remove their write "
+                                       "permission (chmod go-w)"));
+            EXPECT_FALSE(fs::exists(sandbox_.marker())) << file << " " << mode;
+            ASSERT_EQ(::chmod(file.c_str(), 0644), 0);
+        }
+    }
+}
+
 TEST_F(ToolTrust, CacheBuiltByAnotherUserIsNotTrusted) {
     const fs::path root = shared() / "theirs";
     const ToolRun built = runToolAs(nobody, with(root, {"ensure", "-q"}),

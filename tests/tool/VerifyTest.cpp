@@ -2,11 +2,13 @@
 // the ensure summary, and the marker of one library never surviving a failed
 // build of another: the built tool as a process on a small library.
 
-#include "tests/tool/ToolTestSupport.h"
 #include "quor/Config.h"
+#include "tests/tool/ToolTestSupport.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
+
+#include <sys/stat.h>
 
 namespace quor::tooltest {
 namespace {
@@ -95,6 +97,25 @@ TEST(VerifyCommand, NamesEveryObjectThatCannotBeTrustedAndExitsOne) {
     for (const json& problem : report["problems"])
         ++kinds[problem["kind"].get<std::string>()];
     EXPECT_EQ(kinds, (std::map<std::string, int>{{"damaged", 3}, {"missing", 1}, {"orphaned", 1}}));
+}
+
+// A build's sweep removes a FIFO that stands where an object belongs before
+// judging anything, so only verify meets one: it must name it, and not block
+// reading a pipe that nobody writes.
+TEST(VerifyCommand, AFifoWhereAnObjectBelongsIsNotARegularFile) {
+    Sandbox sandbox;
+    ASSERT_EQ(runTool(sandbox.arguments({"--quiet", "ensure"}), sandbox.path()).status, 0);
+    const fs::path text = object(sandbox, "core/Text.qo");
+    fs::remove(text);
+    ASSERT_EQ(::mkfifo(text.c_str(), 0644), 0);
+
+    const ToolRun run = runTool(sandbox.arguments({"verify"}), sandbox.path());
+
+    EXPECT_EQ(run.status, 1) << run.err;
+    EXPECT_NE(run.out.find("  damaged   core/Text.qo: not a regular file\n"), std::string::npos)
+        << run.out;
+    EXPECT_NE(run.out.find("not sound: 1 problem among 4 objects in "), std::string::npos)
+        << run.out;
 }
 
 TEST(VerifyCommand, AStaleObjectIsNamed) {
