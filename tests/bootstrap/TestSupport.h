@@ -102,12 +102,14 @@ struct ProgressRecorder {
 std::string stageName(compiler::StandardLibraryBootstrapStage stage);
 
 // Guards the build tree's generated fingerprint file, which the first-launch
-// state reads when the installed library has none. Tests whose outcome depends
-// on that file hold it shared; a test that changes the file holds it exclusive,
-// moves the original aside and puts it back when done. The coordination goes
-// through a flock on a file of the test's own build directory, so test processes
-// that ctest runs side by side never see each other's changes. An exclusive
-// holder starts with no build-tree file at all.
+// state reads when the installed library has none. The build tree is the
+// suite's own (see CMakeLists.txt), so no program of the real build tree ever
+// sees what a test writes there. Tests whose outcome depends on that file hold
+// it shared; a test that changes the file holds it exclusive, moves the
+// original aside and puts it back when done. The coordination goes through a
+// flock on a file of the test's own build directory, so that the suite's test
+// processes that ctest runs side by side never see each other's changes. An
+// exclusive holder starts with no build-tree file at all.
 class BuildTreeFingerprint {
 public:
     enum class Mode { Shared, Exclusive };

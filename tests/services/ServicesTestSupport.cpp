@@ -7,8 +7,12 @@
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
 #include <fstream>
+#include <poll.h>
 #include <sstream>
+#include <sys/fanotify.h>
 #include <sys/inotify.h>
 #include <thread>
 #include <unistd.h>
@@ -87,16 +91,70 @@ std::vector<std::string> findNames(const fs::path& root, const std::string& need
     return names;
 }
 
+namespace {
+
+// PF_EXITING in the kernel's task flags: the task has begun to exit.
+constexpr unsigned long taskExiting = 0x4;
+
+// Whether the task whose /proc directory is `directory` is running. A task
+// that vanished between the listing and the read has exited.
+bool isLive(const std::string& directory) {
+    const int fd = ::open((directory + "/stat").c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return false;
+    }
+    char buffer[1024];
+    const ssize_t count = ::read(fd, buffer, sizeof buffer - 1);
+    ::close(fd); // read-only: nothing to lose
+    if (count <= 0) {
+        return false;
+    }
+    // "tid (name) state ppid pgrp session tty tpgid flags ...": the name may
+    // hold spaces and parentheses, so the fields are counted after the last ')'.
+    const std::string line(buffer, static_cast<std::size_t>(count));
+    const std::size_t nameEnd = line.rfind(')');
+    std::istringstream fields(nameEnd == std::string::npos ? std::string()
+                                                           : line.substr(nameEnd + 1));
+    std::string skipped;
+    for (int field = 3; field < 9 && fields >> skipped; ++field) {
+    }
+    unsigned long flags = 0;
+    if (!(fields >> flags)) {
+        throw std::runtime_error("unexpected " + directory + "/stat: " + line);
+    }
+    return (flags & taskExiting) == 0;
+}
+
+} // namespace
+
+bool taskIsLive(pid_t tid) {
+    return isLive("/proc/self/task/" + std::to_string(tid));
+}
+
+std::size_t liveTaskCount() {
+    // pthread_join() returns as soon as the kernel has cleared the exiting
+    // thread's id, which it does while that thread gives up its memory; the
+    // thread leaves /proc/self/task only later in its exit. So a thread that
+    // was joined can still be listed for a moment, and a count taken right
+    // after a join was now and then one too high. Every exiting thread has
+    // PF_EXITING set before that point (the kernel sets it first thing on
+    // exit), so such a thread is not counted. A thread that has not been told
+    // to end, or is still finishing its work, has no such flag and counts.
+    std::size_t count = 0;
+    for (const auto& entry : fs::directory_iterator("/proc/self/task")) {
+        if (isLive(entry.path().native())) {
+            ++count;
+        }
+    }
+    return count;
+}
+
 std::size_t threadCount() {
     // A sanitizer runtime starts a helper thread of its own when the process
     // creates its first thread; start and join one here so that the helper is
     // counted on both sides of a comparison.
     std::thread([] {}).join();
-    std::size_t count = 0;
-    for ([[maybe_unused]] const auto& entry : fs::directory_iterator("/proc/self/task")) {
-        ++count;
-    }
-    return count;
+    return liveTaskCount();
 }
 
 ScopedRuntime::ScopedRuntime(const compiler::RuntimeConfiguration& configuration) {
@@ -171,6 +229,112 @@ std::map<std::string, int> OpenCounter::collect() {
         }
     }
     return opens;
+}
+
+OpenGate::OpenGate(const fs::path& directory) {
+    // Each event names the thread that opens, not only its process, so that a
+    // test can tell the workers apart.
+    fd_ = ::fanotify_init(FAN_CLASS_CONTENT | FAN_CLOEXEC | FAN_REPORT_TID, O_RDONLY | O_LARGEFILE);
+    if (fd_ < 0) {
+        why_ = std::string("fanotify_init: ") + std::strerror(errno);
+        return;
+    }
+    if (::fanotify_mark(fd_, FAN_MARK_ADD, FAN_OPEN_PERM | FAN_EVENT_ON_CHILD, AT_FDCWD,
+                        directory.c_str()) != 0) {
+        why_ = std::string("fanotify_mark: ") + std::strerror(errno);
+        ::close(fd_);
+        fd_ = -1;
+    }
+}
+
+OpenGate::~OpenGate() {
+    for (HeldOpen& held : received_) {
+        allow(held);
+    }
+    if (fd_ >= 0) {
+        ::close(fd_); // the kernel allows whatever is still pending
+    }
+}
+
+bool OpenGate::receive(std::chrono::milliseconds limit) {
+    pollfd polled{fd_, POLLIN, 0};
+    if (::poll(&polled, 1, static_cast<int>(limit.count())) <= 0) {
+        return false;
+    }
+    alignas(fanotify_event_metadata) char buffer[4096];
+    const ssize_t count = ::read(fd_, buffer, sizeof buffer);
+    if (count <= 0) {
+        return false;
+    }
+    auto* event = reinterpret_cast<fanotify_event_metadata*>(buffer);
+    ssize_t left = count;
+    for (; FAN_EVENT_OK(event, left); event = FAN_EVENT_NEXT(event, left)) {
+        if (event->fd >= 0) {
+            HeldOpen held;
+            held.fd = event->fd;
+            held.tid = event->pid;
+            char path[PATH_MAX];
+            const std::string link = "/proc/self/fd/" + std::to_string(event->fd);
+            const ssize_t length = ::readlink(link.c_str(), path, sizeof path);
+            if (length > 0) {
+                held.path.assign(path, static_cast<std::size_t>(length));
+            }
+            received_.push_back(std::move(held));
+        }
+    }
+    return true;
+}
+
+std::optional<OpenGate::HeldOpen> OpenGate::next(std::chrono::milliseconds limit) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (received_.empty()) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0) {
+            return std::nullopt;
+        }
+        receive(left);
+    }
+    HeldOpen held = std::move(received_.front());
+    received_.pop_front();
+    return held;
+}
+
+void OpenGate::allow(HeldOpen& held) {
+    if (held.fd < 0) {
+        return;
+    }
+    fanotify_response response{};
+    response.fd = held.fd;
+    response.response = FAN_ALLOW;
+    [[maybe_unused]] const ssize_t written = ::write(fd_, &response, sizeof response);
+    ::close(held.fd);
+    held.fd = -1;
+}
+
+std::size_t OpenGate::run(std::size_t target, std::chrono::milliseconds quiet,
+                          const std::function<void()>& whileHeld,
+                          const std::atomic<bool>& finished) {
+    std::vector<HeldOpen> pending;
+    while (pending.size() < target) {
+        std::optional<HeldOpen> held = next(quiet);
+        if (held) {
+            pending.push_back(std::move(*held));
+        } else if (!pending.empty() || finished.load()) {
+            break;
+        }
+    }
+    const std::size_t count = pending.size();
+    whileHeld();
+    for (HeldOpen& held : pending) {
+        allow(held);
+    }
+    while (!finished.load()) {
+        if (std::optional<HeldOpen> held = next(std::chrono::milliseconds(50))) {
+            allow(*held);
+        }
+    }
+    return count;
 }
 
 } // namespace quor::test

@@ -1,15 +1,22 @@
 // Helpers shared by the service tests: temporary directories, whole-file reads
-// and writes, snapshots of directory trees, a scoped runtime configuration, and
-// an inotify-based counter of how often files are opened.
+// and writes, snapshots of directory trees, a scoped runtime configuration, an
+// inotify-based counter of how often files are opened, live thread counts, and
+// a fanotify gate that holds opens until the test lets them through.
 
 #ifndef QUOR_TESTS_SERVICES_SERVICESTESTSUPPORT_H
 #define QUOR_TESTS_SERVICES_SERVICESTESTSUPPORT_H
 
 #include "compiler/Runtime.h"
 
+#include <atomic>
+#include <chrono>
+#include <deque>
 #include <filesystem>
+#include <functional>
 #include <map>
+#include <optional>
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 namespace quor::test {
@@ -47,8 +54,16 @@ std::map<std::string, std::string> wholeTree(const fs::path& root);
 // Relative paths of every entry below `root` whose name contains `needle`.
 std::vector<std::string> findNames(const fs::path& root, const std::string& needle);
 
-// The number of threads of this process, from /proc/self/task, once any
-// helper thread of a sanitizer runtime has been started.
+// Whether thread `tid` of this process is still running: listed in
+// /proc/self/task and not yet on its way out (see liveTaskCount()).
+bool taskIsLive(pid_t tid);
+
+// The threads of this process that are running, from /proc/self/task. A thread
+// that has begun to exit is left out: see the definition for why.
+std::size_t liveTaskCount();
+
+// liveTaskCount(), once any helper thread of a sanitizer runtime has been
+// started.
 std::size_t threadCount();
 
 // Sets the runtime's configuration for the lifetime of the object and puts the
@@ -90,6 +105,48 @@ public:
 private:
     int fd_ = -1;
     std::map<int, std::string> directories_; // watch descriptor -> relative directory
+};
+
+// Holds every open of a file directly inside one directory until the test lets
+// it through, through fanotify permission events, so that a test can decide
+// which thread goes on and when. Needs CAP_SYS_ADMIN; `active()` says whether
+// it works, and `why()` why not. Whatever is still held when the gate goes is
+// let through by the kernel.
+class OpenGate {
+public:
+    explicit OpenGate(const fs::path& directory);
+    ~OpenGate();
+    OpenGate(const OpenGate&) = delete;
+    OpenGate& operator=(const OpenGate&) = delete;
+
+    bool active() const { return fd_ >= 0; }
+    const std::string& why() const { return why_; }
+
+    // One open, held until allow().
+    struct HeldOpen {
+        int fd = -1;   // the kernel's descriptor of the file being opened
+        pid_t tid = 0; // the thread that opens it
+        std::string path;
+    };
+
+    // The next open, held; nothing when none comes within `limit`.
+    std::optional<HeldOpen> next(std::chrono::milliseconds limit);
+
+    // Lets a held open through.
+    void allow(HeldOpen& held);
+
+    // Holds opens until `target` are pending or none has come for `quiet`,
+    // then runs `whileHeld` and lets every open through until `finished`.
+    // Returns how many opens were held at once.
+    std::size_t run(std::size_t target, std::chrono::milliseconds quiet,
+                    const std::function<void()>& whileHeld, const std::atomic<bool>& finished);
+
+private:
+    bool receive(std::chrono::milliseconds limit);
+
+    int fd_ = -1;
+    std::string why_;
+    std::deque<HeldOpen> received_; // read from the kernel, not yet handed out
 };
 
 } // namespace quor::test

@@ -5,23 +5,17 @@
 
 #include "compiler/Compiler.h"
 #include "compiler/SourceManager.h"
+#include "quor/Config.h"
 #include "tests/services/ChildProcess.h"
 #include "tests/services/ServicesTestSupport.h"
-#include "quor/Config.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
-#include <cstring>
-#include <fcntl.h>
-#include <functional>
 #include <iostream>
-#include <poll.h>
 #include <set>
 #include <sstream>
-#include <sys/fanotify.h>
 #include <system_error>
 #include <thread>
 #include <unistd.h>
@@ -259,109 +253,6 @@ TEST_F(WorkerStartTest, AProgressExceptionWithoutThreadsPropagates) {
     EXPECT_EQ(findNames(libCacheOf(cacheRoot), ".qo").size(), 4u);
 }
 
-// Holds every open of a file in one directory until released, through
-// fanotify permission events, so that workers that have started stay alive
-// and can be counted. Needs CAP_SYS_ADMIN; `active()` says whether it works.
-class OpenGate {
-public:
-    explicit OpenGate(const fs::path& directory) {
-        fd_ = ::fanotify_init(FAN_CLASS_CONTENT | FAN_CLOEXEC, O_RDONLY | O_LARGEFILE);
-        if (fd_ < 0) {
-            why_ = std::string("fanotify_init: ") + std::strerror(errno);
-            return;
-        }
-        if (::fanotify_mark(fd_, FAN_MARK_ADD, FAN_OPEN_PERM | FAN_EVENT_ON_CHILD, AT_FDCWD,
-                            directory.c_str()) != 0) {
-            why_ = std::string("fanotify_mark: ") + std::strerror(errno);
-            ::close(fd_);
-            fd_ = -1;
-        }
-    }
-    ~OpenGate() {
-        if (fd_ >= 0) {
-            ::close(fd_); // the kernel allows whatever is still pending
-        }
-    }
-    OpenGate(const OpenGate&) = delete;
-    OpenGate& operator=(const OpenGate&) = delete;
-
-    bool active() const { return fd_ >= 0; }
-    const std::string& why() const { return why_; }
-
-    // Holds opens until `target` are pending or none has come for `quiet`,
-    // then runs `whileHeld` and lets every open through until `finished`.
-    // Returns how many opens were held at once.
-    std::size_t run(std::size_t target, std::chrono::milliseconds quiet,
-                    const std::function<void()>& whileHeld, const std::atomic<bool>& finished) {
-        std::vector<int> pending;
-        while (pending.size() < target) {
-            pollfd polled{fd_, POLLIN, 0};
-            const int ready = ::poll(&polled, 1, static_cast<int>(quiet.count()));
-            if (ready == 0 && !pending.empty()) {
-                break;
-            }
-            if (ready <= 0) {
-                if (finished.load()) {
-                    break;
-                }
-                continue;
-            }
-            receive(pending);
-        }
-        const std::size_t held = pending.size();
-        whileHeld();
-        for (int fd : pending) {
-            allow(fd);
-        }
-        while (!finished.load()) {
-            pollfd polled{fd_, POLLIN, 0};
-            if (::poll(&polled, 1, 50) > 0) {
-                std::vector<int> more;
-                receive(more);
-                for (int fd : more) {
-                    allow(fd);
-                }
-            }
-        }
-        return held;
-    }
-
-private:
-    void receive(std::vector<int>& pending) {
-        alignas(fanotify_event_metadata) char buffer[4096];
-        const ssize_t count = ::read(fd_, buffer, sizeof buffer);
-        if (count <= 0) {
-            return;
-        }
-        auto* event = reinterpret_cast<fanotify_event_metadata*>(buffer);
-        ssize_t left = count;
-        for (; FAN_EVENT_OK(event, left); event = FAN_EVENT_NEXT(event, left)) {
-            if (event->fd >= 0) {
-                pending.push_back(event->fd);
-            }
-        }
-    }
-
-    void allow(int fd) {
-        fanotify_response response{};
-        response.fd = fd;
-        response.response = FAN_ALLOW;
-        [[maybe_unused]] const ssize_t written = ::write(fd_, &response, sizeof response);
-        ::close(fd);
-    }
-
-    int fd_ = -1;
-    std::string why_;
-};
-
-std::size_t tasksNow() {
-    std::size_t count = 0;
-    for ([[maybe_unused]] const auto& entry : fs::directory_iterator("/proc/self/task")) {
-        ++count;
-    }
-    return count;
-}
-
 TEST_F(WorkerStartTest, NoMoreWorkersStartThanTheBound) {
     // More units than the bound, and a job count far above both.
     const std::size_t unitCount = documentedWorkerBound + 44;
@@ -384,8 +275,8 @@ TEST_F(WorkerStartTest, NoMoreWorkersStartThanTheBound) {
     if (gate.active()) {
         gatekeeper = std::thread([&] {
             held = gate.run(
-                unitCount, std::chrono::milliseconds(1000), [&] { tasksWhileHeld = tasksNow(); },
-                finished);
+                unitCount, std::chrono::milliseconds(1000),
+                [&] { tasksWhileHeld = liveTaskCount(); }, finished);
         });
     } else {
         std::cout << "without fanotify (" << gate.why()
@@ -397,7 +288,7 @@ TEST_F(WorkerStartTest, NoMoreWorkersStartThanTheBound) {
         Compiler::precompileSources(sources, nullptr,
                                     [&](const Compiler::CompilationProgress& progress) {
                                         if (progress.completed == 1) {
-                                            tasksAtFirstReport = tasksNow();
+                                            tasksAtFirstReport = liveTaskCount();
                                         }
                                     });
     } catch (...) {
