@@ -15,7 +15,7 @@ TOOL := $(BUILD)/tools/quor-stdlib/quor-stdlib
 # tool's goals then keep the suites.
 TOOL_PRESET = $(if $(shell grep -sx 'QUOR_BUILD_TESTS:BOOL=ON' $(BUILD)/CMakeCache.txt),default,tool)
 
-.PHONY: all deps configure configure-tests build test run bench stress install package tidy format clean
+.PHONY: all deps configure configure-tests build test run bench stress mutation install package tidy format clean
 
 all: build
 
@@ -46,6 +46,15 @@ test: configure-tests
 # stress and the pruning attack (QUOR_STRESS_SEED picks another seed).
 stress: configure-tests
 	cmake --build --preset default && QUOR_STRESS=full ctest --preset default -L reliability
+
+# Each defect of tests/mutation/defects.txt put, one at a time, into a scratch
+# copy of the working tree, against the tests that should catch it; a defect
+# that survives is a guarantee no test holds. Not part of `test`: it takes long.
+# MUTATION_FLAGS go to the script (-k, -j 2, 'trust-*'); see docs/testing.md.
+MUTATION_FLAGS ?=
+mutation:
+	@bash .ci/install-deps mutation
+	bash tests/mutation/run.sh $(MUTATION_FLAGS)
 
 # The prefix is set at configure time too: the installed services fall back to
 # the library under it, and the manual page names its documentation folder.

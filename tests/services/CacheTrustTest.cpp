@@ -161,6 +161,59 @@ TEST_F(CacheTrustTest, AbiRecordOfTheOwnLibraryCacheWritableByItsGroupIsRefused)
     EXPECT_EQ(readFile(lib / "core" / "Int.qo"), "kept\n");
 }
 
+// Closed to writes, but another user's: its owner can still rename or replace
+// what lies in it.
+TEST_F(CacheTrustTest, DirectoryOnTheWayOwnedByAnotherUserIsRefused) {
+    const fs::path theirs = directory_.path() / "theirs";
+    fs::create_directories(theirs / "cache");
+    ::chmod(theirs.c_str(), 0755);
+    ASSERT_EQ(::chown(theirs.c_str(), 65534, 65534), 0);
+    EXPECT_EQ(refusal([&] { verifyCacheRoot(theirs / "cache", {}, false); }),
+              "Refusing to use Quor cache root '" + (theirs / "cache").native() + "': '" +
+                  theirs.native() +
+                  "' is a directory that belongs to uid 65534; choose a cache root that you own");
+}
+
+// A chain of links longer than the kernel itself would follow (40) is refused
+// rather than walked; a loop of links is such a chain without end.
+TEST_F(CacheTrustTest, PathThroughTooManyLinksIsRefused) {
+    const fs::path real = directory_.path() / "real";
+    fs::create_directories(real / "cache");
+    fs::path next = real;
+    for (int i = 41; i > 0; --i) {
+        const fs::path link = directory_.path() / ("link" + std::to_string(i));
+        fs::create_directory_symlink(next, link);
+        next = link;
+    }
+    EXPECT_EQ(refusal([&] { verifyCacheRoot(next / "cache", {}, false); }),
+              "Refusing to use Quor cache root '" + (next / "cache").native() + "': '" +
+                  (directory_.path() / "link41").native() +
+                  "' leads through too many symbolic links");
+    // One link fewer is a path the kernel follows, and so does the check.
+    EXPECT_EQ(verifyCacheRoot(directory_.path() / "link2" / "cache", {}, false),
+              CacheAccess::Writable);
+}
+
+// The lock file is opened with O_CREAT; a FIFO there could block the opener,
+// and a directory is no lock. Neither is ever opened.
+TEST_F(CacheTrustTest, LockFileThatIsNotARegularFileIsRefused) {
+    fs::create_directories(root());
+    const fs::path lock = root() / "build.lock";
+    ASSERT_EQ(::mkfifo(lock.c_str(), 0600), 0);
+    EXPECT_EQ(refusal([&] {
+                  verifyCacheRoot(root(), {{lock, Kind::LockFile}}, true);
+              }),
+              "Refusing to use Quor cache root '" + root().native() + "': '" + lock.native() +
+                  "' is not a regular file; remove it");
+    fs::remove(lock);
+    fs::create_directory(lock);
+    EXPECT_EQ(refusal([&] {
+                  verifyCacheRoot(root(), {{lock, Kind::LockFile}}, true);
+              }),
+              "Refusing to use Quor cache root '" + root().native() + "': '" + lock.native() +
+                  "' is not a regular file; remove it");
+}
+
 TEST_F(CacheTrustTest, CacheRootOfAnotherUserInASharedStickyDirectoryIsRefused) {
     const fs::path theirs = shared() / "cache";
     ASSERT_EXIT(reportAsNobody([&] { return outcomeOf(::mkdir(theirs.c_str(), 0755)); }),

@@ -402,6 +402,59 @@ TEST_F(IncrementalBuildTest, AnAbiChangeEmptiesTheSetAsideArea) {
     EXPECT_TRUE(findNames(setAside, ".qo").empty());
 }
 
+// The set-aside area is a cache too: what it holds is judged like an object in
+// place before a build moves it back, never trusted for its name.
+TEST_F(IncrementalBuildTest, ADamagedSetAsideObjectIsCompiledAgainInsteadOfMovedBack) {
+    const Library a = sampleLibrary();
+    Library b = a;
+    b["core/Int.qr"] = unitText("core/Int.qr", "public fn more() -> Int { return 4 }\n");
+    build(a, cacheRoot());
+    build(b, cacheRoot());
+    const fs::path setAside = cacheRoot() / QUOR_COMPILER_VERSION / "set-aside";
+    const std::vector<std::string> kept = findNames(setAside, ".qo");
+    ASSERT_EQ(kept.size(), 1u); // a's core/Int.qo
+    std::string bytes = readFile(setAside / kept[0]);
+    bytes[bytes.find("Int")] = 'i'; // same size, checksum broken
+    writeFile(setAside / kept[0], bytes);
+
+    const Outcome backToA = build(a, cacheRoot());
+
+    EXPECT_EQ(backToA.summary.compiled, 1u);
+    EXPECT_EQ(backToA.summary.reused, a.size() - 1);
+    expectCleanEquivalent(a);
+}
+
+// Every build trims the set-aside area to what it may hold (as much as the
+// library's objects, and 16 MiB at least), the objects used longest ago first,
+// and removes what is not an object of its own there.
+TEST_F(IncrementalBuildTest, ABuildKeepsTheSetAsideAreaWithinItsBudget) {
+    Library library = sampleLibrary();
+    build(library, cacheRoot()); // a first build clears what no ABI record vouches for
+    library["core/Int.qr"] = unitText("core/Int.qr", "public fn more() -> Int { return 4 }\n");
+    const fs::path setAside = cacheRoot() / QUOR_COMPILER_VERSION / "set-aside";
+    std::vector<fs::path> entries;
+    for (int i = 0; i < 5; ++i) {
+        // 5 MiB each, sparse: 25 MiB in all, over the floor of 16 MiB.
+        const fs::path entry = setAside / (Sha256::hex("entry" + std::to_string(i)) + ".qo");
+        writeFile(entry, "");
+        fs::resize_file(entry, std::uintmax_t(5) << 20);
+        struct timespec times[2] = {{1000 + i, 0}, {1000 + i, 0}};
+        ASSERT_EQ(::utimensat(AT_FDCWD, entry.c_str(), times, 0), 0);
+        entries.push_back(entry);
+    }
+    writeFile(setAside / "stray.txt", "not an object of the set-aside area");
+
+    ASSERT_TRUE(build(library, cacheRoot()).bootstrapped);
+
+    EXPECT_FALSE(fs::exists(entries[0]));
+    EXPECT_FALSE(fs::exists(entries[1]));
+    EXPECT_TRUE(fs::exists(entries[2]));
+    EXPECT_TRUE(fs::exists(entries[3]));
+    EXPECT_TRUE(fs::exists(entries[4]));
+    EXPECT_FALSE(fs::exists(setAside / "stray.txt"));
+    EXPECT_EQ(findNames(setAside, ".qo").size(), 4u); // and the object this build set aside
+}
+
 TEST(SetAsideTrimTest, RemovesTheLeastRecentlyUsedObjectsFirst) {
     TemporaryDirectory directory;
     const fs::path area = directory.path();

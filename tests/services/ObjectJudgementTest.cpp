@@ -240,6 +240,13 @@ TEST_F(AbiRecordTest, NothingButARegularFileIsARecord) {
     fs::remove(record());
     ASSERT_EQ(::mkfifo(record().c_str(), 0644), 0);
     EXPECT_EQ(readAbiRecord(record()), ""); // and it returns: nobody writes the FIFO
+
+    // A FIFO that does hold a current record's bytes is still no record.
+    const int pipe = ::open(record().c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_GE(pipe, 0);
+    ASSERT_EQ(::write(pipe, "2\n", 2), 2);
+    EXPECT_EQ(readAbiRecord(record()), "");
+    ::close(pipe);
 }
 
 } // namespace

@@ -16,6 +16,13 @@
  *                                    ENOSPC, as on a full disk
  *   QUOR_IO_SHIM_FAIL_RENAME=<text>  a rename whose source path contains
  *                                    <text> fails with EIO
+ *   QUOR_IO_SHIM_REPLACE_AFTER_SYNCFS=<directory>
+ *                                    once a syncfs() returns, <directory> is
+ *                                    moved aside to <directory>.replaced and
+ *                                    <directory>.replacement moved in its
+ *                                    place (an empty directory made there when
+ *                                    there is none), as another process's
+ *                                    clean and rebuild would at that moment
  *
  * Everything else goes to the next definition (libc's) unchanged. Each log
  * line is one write() on an O_APPEND descriptor, so that the lines of
@@ -30,6 +37,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -208,6 +216,31 @@ int renameat2(int fromDirectory, const char* from, int toDirectory, const char* 
     return renameThrough(&call, callRenameat2);
 }
 
+/* The other process of QUOR_IO_SHIM_REPLACE_AFTER_SYNCFS. The new directory
+ * exists while the old one still does, so the two can never share an inode
+ * number. */
+static void replaceAfterSyncfs(void) {
+    const char* directory = getenv("QUOR_IO_SHIM_REPLACE_AFTER_SYNCFS");
+    if (directory == NULL || directory[0] == '\0') {
+        return;
+    }
+    char aside[PATH_MAX];
+    char replacement[PATH_MAX];
+    if (snprintf(aside, sizeof aside, "%s.replaced", directory) >= (int)sizeof aside ||
+        snprintf(replacement, sizeof replacement, "%s.replacement", directory) >=
+            (int)sizeof replacement) {
+        return;
+    }
+    const int saved = errno;
+    RenameFunction function;
+    nextDefinition("rename", &function, sizeof function);
+    /* A failure of either step shows as a failed test. */
+    if (function(directory, aside) == 0 && function(replacement, directory) != 0) {
+        (void)mkdir(directory, 0755);
+    }
+    errno = saved;
+}
+
 int syncfs(int fd) {
     SyncfsFunction function;
     nextDefinition("syncfs", &function, sizeof function);
@@ -216,6 +249,7 @@ int syncfs(int fd) {
         char path[PATH_MAX];
         pathOfDescriptor(fd, path, sizeof path);
         logLine("syncfs", path, NULL);
+        replaceAfterSyncfs();
     }
     return result;
 }

@@ -12,6 +12,7 @@
 #include "tests/tool/ToolTestSupport.h"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <optional>
@@ -195,11 +196,36 @@ TEST_F(DurableWrite, TheStateDirectoryIsSyncedAfterTheMarkerIsWithdrawnAndBefore
     EXPECT_TRUE(fs::exists(sandbox_.marker()));
 }
 
+// The library cache is judged again after its syncfs(): what was made durable
+// must still be the library cache the marker will vouch for. Here it is moved
+// aside the moment the sync returns, after every check made before it, and
+// another library cache with a current ABI record takes its place, so that
+// only the directory's identity tells them apart.
+TEST_F(DurableWrite, ALibraryCacheReplacedWhileItIsSyncedIsNotMarkedReady) {
+    const fs::path replacement = libCache().native() + ".replacement";
+    const ToolRun version = runTool({"--json", "--version"}, sandbox_.path());
+    const int abi = nlohmann::json::parse(version.out)["objectAbi"].get<int>();
+    writeFile(replacement / ".quor-object-abi", std::to_string(abi) + "\n");
+    const ToolRun run =
+        ensureThroughShim({"QUOR_IO_SHIM_REPLACE_AFTER_SYNCFS=" + libCache().native()});
+    EXPECT_EQ(run.status, 1) << run.err;
+    EXPECT_TRUE(run.err.ends_with("\nquor-stdlib: error: Quor library cache '" +
+                                  libCache().native() +
+                                  "' was removed or replaced while it was being built; build it "
+                                  "again\n"))
+        << run.err;
+    EXPECT_FALSE(fs::exists(sandbox_.marker()));
+    // The shim did replace it: the objects are in the directory moved aside.
+    EXPECT_TRUE(fs::exists(libCache().native() + ".replaced/core/Text.qo"));
+}
+
 TEST_F(DurableWrite, AnObjectThatCannotBeWrittenLeavesNoTemporary) {
     expectFailureWithoutTemporary(
         "QUOR_IO_SHIM_FAIL_WRITE=.Text.qo.tmp.",
         (sandbox_.library() / "core" / "Text.qr").native() + ":1:1: unable to write its object '" +
             (libCache() / "core" / "Text.qo").native() + "': No space left on device\n");
+    // Nor what was written of it before the disk filled up, in its place.
+    EXPECT_FALSE(fs::exists(fs::symlink_status(libCache() / "core" / "Text.qo")));
 }
 
 TEST_F(DurableWrite, AnObjectThatCannotBeRenamedLeavesNoTemporary) {
