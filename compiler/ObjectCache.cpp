@@ -359,9 +359,9 @@ fs::path setAsideDirectory() {
     return fs::path(Runtime::getInstance().getCacheBranchPath()) / "set-aside";
 }
 
-fs::path setAsidePath(const fs::path& setAside, std::string_view unitPath,
+fs::path setAsidePath(const fs::path& setAside, std::string_view unitField,
                       std::string_view sourceSha256) {
-    std::string key(unitPath);
+    std::string key(unitField);
     key += '\n';
     key += sourceSha256;
     return setAside / (Sha256::hex(key) + ".qo");

@@ -70,10 +70,12 @@ ObjectJudgement judgeObject(const std::filesystem::path& object, std::string_vie
 // back instead of compiling it.
 std::filesystem::path setAsideDirectory();
 
-// The set-aside entry for `unitPath` compiled from bytes hashing to
-// `sourceSha256`.
-std::filesystem::path setAsidePath(const std::filesystem::path& setAside, std::string_view unitPath,
-                                   std::string_view sourceSha256);
+// The set-aside entry for the unit whose path, as an object records it
+// (objectField(), escaped), is `unitField`, compiled from bytes hashing to
+// `sourceSha256`. The recorded form is the one an object found on its own
+// carries, so that the sweep and a build name the same entry.
+std::filesystem::path setAsidePath(const std::filesystem::path& setAside,
+                                   std::string_view unitField, std::string_view sourceSha256);
 
 // What the library cache holds for one unit.
 struct UnitObjectReport {

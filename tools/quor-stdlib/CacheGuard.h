@@ -34,7 +34,6 @@ compiler::CacheAccess guardCache(const CachePaths& paths, CacheUse use);
 // The message for a build that a read-only system-wide cache needs.
 std::string readOnlyCacheNotReady(const CachePaths& paths);
 
-// The message for pruning a read-only system-wide cache.
 // Whether `name` is a build lock file as the bootstrap names them:
 // ".stdlib-bootstrap-<leaf>.lock".
 bool isBuildLockName(const std::string& name);
@@ -45,6 +44,7 @@ std::string readOnlyCacheCannotBeCleaned(const CachePaths& paths);
 // The refusal of `ensure --force` on a cache that belongs to root.
 std::string readOnlyCacheCannotBeRebuilt(const CachePaths& paths);
 
+// The message for pruning a read-only system-wide cache.
 std::string readOnlyCacheCannotBePruned(const CachePaths& paths);
 
 // One line on why the lock file could not be opened or locked: its owner, its

@@ -599,10 +599,6 @@ TreeSize treeSize(const fs::path& path) {
     return size;
 }
 
-std::uint64_t diskUsage(const fs::path& path) {
-    return treeSize(path).bytes;
-}
-
 VersionSize versionSize(const fs::path& cacheRoot, const std::string& version) {
     const fs::path root = cacheRoot.lexically_normal();
     const TreeSize cache = treeSize(root / version);

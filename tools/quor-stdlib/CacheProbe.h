@@ -138,9 +138,6 @@ struct TreeSize {
 };
 TreeSize treeSize(const std::filesystem::path& path);
 
-// treeSize(path).bytes.
-std::uint64_t diskUsage(const std::filesystem::path& path);
-
 // What one compiler version takes below `cacheRoot`: its cache directory
 // (<root>/<version>: library cache and set-aside objects) and its first-launch
 // state (<root>/.first-launch/<version>), counted with treeSize(). `bytes` is
