@@ -42,6 +42,16 @@ std::string refusal(const std::function<void()>& call) {
     return "no refusal";
 }
 
+// The message of the std::runtime_error `call` throws, or "no failure".
+std::string failureOf(const std::function<void()>& call) {
+    try {
+        call();
+    } catch (const std::runtime_error& error) {
+        return error.what();
+    }
+    return "no failure";
+}
+
 class CacheTrustTest : public ::testing::Test {
 protected:
     CacheTrustTest() {
@@ -325,30 +335,26 @@ protected:
 };
 
 TEST_F(RemovedDuringTheBuild, RemovalAfterTheLastUnitFailsTheBuildAndLeavesNoMarker) {
-    std::string message = "no failure";
-    try {
-        StandardLibraryBootstrap::ensure([&](const compiler::StandardLibraryBootstrapProgress& p) {
-            if (p.stage == compiler::StandardLibraryBootstrapStage::Compiling &&
-                p.completed == p.total)
-                StandardLibraryBootstrap::removeOlderCacheVersions(root(), "0.2.0");
-        });
-    } catch (const std::runtime_error& error) {
-        message = error.what();
-    }
-    EXPECT_EQ(message, replacedMessage());
+    EXPECT_EQ(failureOf([&] {
+                  StandardLibraryBootstrap::ensure(
+                      [&](const compiler::StandardLibraryBootstrapProgress& p) {
+                          if (p.stage == compiler::StandardLibraryBootstrapStage::Compiling &&
+                              p.completed == p.total)
+                              StandardLibraryBootstrap::removeOlderCacheVersions(root(), "0.2.0");
+                      });
+              }),
+              replacedMessage());
     EXPECT_TRUE(StandardLibraryBootstrap::isRequired());
 }
 
 TEST_F(RemovedDuringTheBuild, RemovalBeforeTheUnitsAreCompiledFailsTheBuild) {
     Compiler::ensureObjectAbiCacheCurrent();
     fs::remove_all(root() / QUOR_COMPILER_VERSION);
-    std::string message = "no failure";
-    try {
-        Compiler::precompileSources({(library() / "core" / "Int.qr").native()}, nullptr, {});
-    } catch (const std::runtime_error& error) {
-        message = error.what();
-    }
-    EXPECT_EQ(message, replacedMessage());
+    EXPECT_EQ(failureOf([&] {
+                  Compiler::precompileSources({(library() / "core" / "Int.qr").native()}, nullptr,
+                                              {});
+              }),
+              replacedMessage());
 }
 
 // Another process's clean (a newer compiler's pruning, then a start of this
@@ -363,13 +369,11 @@ TEST_F(RemovedDuringTheBuild, ACacheRemovedAndCreatedAgainBeforeThePrecompilerSt
     writeFile(again / ".quor-object-abi", std::to_string(Compiler::objectAbiVersion()) + "\n");
     fs::remove_all(lib());
     fs::rename(again, lib());
-    std::string message = "no failure";
-    try {
-        Compiler::precompileSources({(library() / "core" / "Int.qr").native()}, nullptr, {});
-    } catch (const std::runtime_error& error) {
-        message = error.what();
-    }
-    EXPECT_EQ(message, replacedMessage());
+    EXPECT_EQ(failureOf([&] {
+                  Compiler::precompileSources({(library() / "core" / "Int.qr").native()}, nullptr,
+                                              {});
+              }),
+              replacedMessage());
     EXPECT_TRUE(StandardLibraryBootstrap::isRequired());
     EXPECT_FALSE(fs::exists(lib() / "core" / "Int.qo"));
 }
@@ -379,29 +383,25 @@ TEST_F(RemovedDuringTheBuild, ACacheRemovedAndCreatedAgainBeforeThePrecompilerSt
 TEST_F(RemovedDuringTheBuild, AnAbiRecordRewrittenBeforeThePrecompilerStartsIsRefused) {
     Compiler::ensureObjectAbiCacheCurrent();
     writeFile(lib() / ".quor-object-abi", std::to_string(Compiler::objectAbiVersion() - 1) + "\n");
-    std::string message = "no failure";
-    try {
-        Compiler::precompileSources({(library() / "core" / "Int.qr").native()}, nullptr, {});
-    } catch (const std::runtime_error& error) {
-        message = error.what();
-    }
-    EXPECT_EQ(message, replacedMessage());
+    EXPECT_EQ(failureOf([&] {
+                  Compiler::precompileSources({(library() / "core" / "Int.qr").native()}, nullptr,
+                                              {});
+              }),
+              replacedMessage());
     EXPECT_FALSE(fs::exists(lib() / "core" / "Int.qo"));
 }
 
 TEST_F(RemovedDuringTheBuild, AnAbiRecordRewrittenAfterTheLastUnitFailsTheBuildAndLeavesNoMarker) {
-    std::string message = "no failure";
-    try {
-        StandardLibraryBootstrap::ensure([&](const compiler::StandardLibraryBootstrapProgress& p) {
-            if (p.stage == compiler::StandardLibraryBootstrapStage::Compiling &&
-                p.completed == p.total)
-                writeFile(lib() / ".quor-object-abi",
-                          std::to_string(Compiler::objectAbiVersion() - 1) + "\n");
-        });
-    } catch (const std::runtime_error& error) {
-        message = error.what();
-    }
-    EXPECT_EQ(message, replacedMessage());
+    EXPECT_EQ(failureOf([&] {
+                  StandardLibraryBootstrap::ensure(
+                      [&](const compiler::StandardLibraryBootstrapProgress& p) {
+                          if (p.stage == compiler::StandardLibraryBootstrapStage::Compiling &&
+                              p.completed == p.total)
+                              writeFile(lib() / ".quor-object-abi",
+                                        std::to_string(Compiler::objectAbiVersion() - 1) + "\n");
+                      });
+              }),
+              replacedMessage());
     EXPECT_TRUE(StandardLibraryBootstrap::isRequired());
     EXPECT_FALSE(fs::exists(root() / ".first-launch" / QUOR_COMPILER_VERSION / "lib" /
                             ".quor-stdlib-ready"));
