@@ -15,6 +15,7 @@
 
 #include "compiler/StandardLibraryBootstrap.h"
 
+#include "compiler/BootstrapExplanation.h"
 #include "compiler/CacheLayout.h"
 #include "compiler/Compiler.h"
 #include "compiler/Runtime.h"
@@ -67,6 +68,56 @@ constexpr std::string_view compilerVersion = QUOR_COMPILER_VERSION;
 constexpr const char* buildTreeDirectory = QUOR_BUILD_TREE_DIR;
 
 // ---------------------------------------------------------------------------
+// Failure messages
+//
+// The fixed opening of every message the unit throws, spelled once: the throw
+// sites below compose their messages from these, and failureMessages() lists
+// them with what each is about, so that a caller sorting failures (the tool's
+// JSON `kind`) recognises the unit's words without a copy of them. The path
+// and, where one is at hand, the system's text follow each opening.
+namespace message {
+constexpr std::string_view createStateDirectory =
+    "Unable to create standard-library cache directory '";
+constexpr std::string_view writeMarker = "Unable to write standard-library cache marker '";
+constexpr std::string_view flushMarker = "Unable to flush standard-library cache marker '";
+constexpr std::string_view publishMarker = "Unable to publish standard-library cache marker: ";
+constexpr std::string_view createCacheRoot = "Unable to create Quor cache root '";
+constexpr std::string_view lock = "Unable to lock Quor standard-library cache '";
+constexpr std::string_view enumerate = "Unable to enumerate Quor standard library '";
+constexpr std::string_view noUnits = "Quor standard library contains no compilable source units: ";
+constexpr std::string_view inspectCacheRoot = "Unable to inspect Quor cache root '";
+constexpr std::string_view listVersions = "Unable to inspect Quor cache versions in '";
+constexpr std::string_view unsafeRemoval = "Refusing to remove unsafe Quor cache path '";
+constexpr std::string_view removeVersion = "Unable to remove old Quor cache '";
+constexpr std::string_view removeVersionState = "Unable to remove old Quor first-launch state '";
+} // namespace message
+
+using explain::FailureCause;
+
+constexpr std::array<explain::FailureMessage, 13> failureTable{{
+    {message::createStateDirectory, FailureCause::FileSystem},
+    {message::writeMarker, FailureCause::FileSystem},
+    {message::flushMarker, FailureCause::FileSystem},
+    {message::publishMarker, FailureCause::FileSystem},
+    {message::createCacheRoot, FailureCause::FileSystem},
+    {message::lock, FailureCause::Lock},
+    {message::enumerate, FailureCause::FileSystem},
+    {message::noUnits, FailureCause::EmptyLibrary},
+    {message::inspectCacheRoot, FailureCause::FileSystem},
+    {message::listVersions, FailureCause::FileSystem},
+    {message::unsafeRemoval, FailureCause::UnsafePath},
+    {message::removeVersion, FailureCause::FileSystem},
+    {message::removeVersionState, FailureCause::FileSystem},
+}};
+
+// The unit's message: its opening, then the rest.
+std::runtime_error failure(std::string_view opening, std::string_view rest) {
+    std::string text(opening);
+    text += rest;
+    return std::runtime_error(text);
+}
+
+// ---------------------------------------------------------------------------
 // Readiness marker
 //
 // Five lines, each ended by a line feed:
@@ -116,8 +167,17 @@ class LineReader {
 public:
     explicit LineReader(const char* path)
         : fd_(::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)), opened_(fd_ >= 0) {
+        if (fd_ < 0) {
+            openError_ = errno;
+            return;
+        }
         struct stat status {};
-        if (fd_ >= 0 && (::fstat(fd_, &status) != 0 || !S_ISREG(status.st_mode))) {
+        if (::fstat(fd_, &status) != 0) {
+            openError_ = errno;
+        } else {
+            type_ = status.st_mode & S_IFMT;
+        }
+        if (type_ != S_IFREG) {
             ::close(fd_); // opened read-only: closing cannot lose anything
             fd_ = -1;
         }
@@ -135,6 +195,16 @@ public:
     // Whether the path named something that could be opened at all, even if
     // it was then refused for not being a regular file.
     bool pathOpened() const { return opened_; }
+
+    // For an explanation of a file that reads as none or ends early: the errno
+    // of a failed open (or of the fstat after it), else 0; the type bits
+    // (S_IFMT) of what was opened, else 0; whether a read ended at a line
+    // longer than layout::maxLineLength, or at a read error rather than at the
+    // end of the file. The decisions never look at them.
+    int openError() const { return openError_; }
+    mode_t type() const { return type_; }
+    bool lineTooLong() const { return lineTooLong_; }
+    bool readFailed() const { return readFailed_; }
 
     // The next line as a view that stays valid until the next call. A line
     // that lies whole in the buffer is not copied; only one that spans reads
@@ -171,6 +241,7 @@ private:
             const char* end = newline != nullptr ? newline : buffer_ + size_;
             if (line.size() + static_cast<std::size_t>(end - begin) > layout::maxLineLength) {
                 // Nothing after an over-long line is read either.
+                lineTooLong_ = true;
                 position_ = size_ = 0;
                 ::close(fd_); // opened read-only: closing cannot lose anything
                 fd_ = -1;
@@ -195,6 +266,7 @@ private:
                 continue;
             }
             if (count <= 0) {
+                readFailed_ = count < 0;
                 return false;
             }
             position_ = 0;
@@ -206,6 +278,10 @@ private:
 
     int fd_;
     bool opened_;
+    int openError_ = 0;
+    mode_t type_ = 0;
+    bool lineTooLong_ = false;
+    bool readFailed_ = false;
     char buffer_[512];
     std::size_t position_ = 0;
     std::size_t size_ = 0;
@@ -277,8 +353,8 @@ void StandardLibraryCacheState::markReady() const {
     std::error_code error;
     fs::create_directories(cacheDirectory, error);
     if (error) {
-        throw std::runtime_error("Unable to create standard-library cache directory '" +
-                                 cacheDirectory.native() + "': " + error.message());
+        throw failure(message::createStateDirectory,
+                      cacheDirectory.native() + "': " + error.message());
     }
 
     // A sibling of the marker, so that the rename below stays inside one
@@ -287,8 +363,7 @@ void StandardLibraryCacheState::markReady() const {
     {
         std::ofstream stream(temporaryPath, std::ios::out | std::ios::trunc);
         if (!stream) {
-            throw std::runtime_error("Unable to write standard-library cache marker '" +
-                                     temporaryPath + "'");
+            throw failure(message::writeMarker, temporaryPath + "'");
         }
         // The global locale may group digits; the marker's numbers never are.
         stream.imbue(std::locale::classic());
@@ -301,8 +376,7 @@ void StandardLibraryCacheState::markReady() const {
         if (!stream) {
             std::error_code ignored;
             fs::remove(temporaryPath, ignored); // the flush error is the one worth reporting
-            throw std::runtime_error("Unable to flush standard-library cache marker '" +
-                                     temporaryPath + "'");
+            throw failure(message::flushMarker, temporaryPath + "'");
         }
     } // closing cannot lose data that the flush above did not already report
 
@@ -313,8 +387,7 @@ void StandardLibraryCacheState::markReady() const {
     if (error) {
         std::error_code ignored;
         fs::remove(temporaryPath, ignored); // the rename error is the one worth reporting
-        throw std::runtime_error("Unable to publish standard-library cache marker: " +
-                                 error.message());
+        throw failure(message::publishMarker, error.message());
     }
 }
 
@@ -421,30 +494,15 @@ struct FirstLaunchIdentity {
     std::size_t stateDirectoryLength = 0;
     int abiVersion = 0;
     std::string fingerprint;
+    explain::FingerprintSource source = explain::FingerprintSource::InstalledFile;
 };
 
-// The installed fingerprint file of the library at `libraryDirectory`.
-std::string installedFingerprintFile(std::string libraryDirectory) {
-    appendPathElement(libraryDirectory, layout::installedFingerprintFile);
-    return libraryDirectory;
-}
-
-// The identity after the installed fingerprint file has given `installed`.
-FirstLaunchIdentity firstLaunchIdentityAfter(std::string installed) {
-    FirstLaunchIdentity identity;
-    identity.fingerprint = std::move(installed);
-    if (identity.fingerprint.empty()) {
-        std::string file(buildTreeDirectory);
-        appendPathElement(file, layout::generatedDirectory);
-        appendPathElement(file, layout::buildTreeFingerprintFile);
-        identity.fingerprint = readFingerprintFile(file);
-    }
-    if (identity.fingerprint.empty()) {
-        identity.fingerprint = fallbackFingerprint();
-    }
-    identity.abiVersion = Compiler::objectAbiVersion();
+// The running compiler's marker path, <cache root>/.first-launch/<version>/
+// <library-cache leaf>/.quor-stdlib-ready, into `marker`, and the length of
+// its state-directory prefix. Asks the runtime for the cache branch, then the
+// library cache.
+void composeMarkerPath(std::string& marker, std::size_t& stateDirectoryLength) {
     const std::string_view cacheRoot = parentPathOf(Runtime::getInstance().getCacheBranchPath());
-    std::string& marker = identity.markerPath;
     // Room for the pieces below and a library-cache leaf of up to 64 bytes,
     // so that the text is normally allocated once.
     marker.reserve(cacheRoot.size() + layout::firstLaunchDirectory.size() + compilerVersion.size() +
@@ -453,8 +511,38 @@ FirstLaunchIdentity firstLaunchIdentityAfter(std::string installed) {
     appendPathElement(marker, layout::firstLaunchDirectory);
     appendPathElement(marker, compilerVersion);
     appendPathElement(marker, fileNameOf(Runtime::getInstance().getLibCachePath()));
-    identity.stateDirectoryLength = marker.size();
+    stateDirectoryLength = marker.size();
     appendPathElement(marker, layout::markerFileName);
+}
+
+// The installed fingerprint file of the library at `libraryDirectory`.
+std::string installedFingerprintFile(std::string libraryDirectory) {
+    appendPathElement(libraryDirectory, layout::installedFingerprintFile);
+    return libraryDirectory;
+}
+
+// The build tree's generated fingerprint file.
+std::string buildTreeFingerprintFile() {
+    std::string file(buildTreeDirectory);
+    appendPathElement(file, layout::generatedDirectory);
+    appendPathElement(file, layout::buildTreeFingerprintFile);
+    return file;
+}
+
+// The identity after the installed fingerprint file has given `installed`.
+FirstLaunchIdentity firstLaunchIdentityAfter(std::string installed) {
+    FirstLaunchIdentity identity;
+    identity.fingerprint = std::move(installed);
+    if (identity.fingerprint.empty()) {
+        identity.source = explain::FingerprintSource::BuildTreeFile;
+        identity.fingerprint = readFingerprintFile(buildTreeFingerprintFile());
+    }
+    if (identity.fingerprint.empty()) {
+        identity.source = explain::FingerprintSource::Fallback;
+        identity.fingerprint = fallbackFingerprint();
+    }
+    identity.abiVersion = Compiler::objectAbiVersion();
+    composeMarkerPath(identity.markerPath, identity.stateDirectoryLength);
     return identity;
 }
 
@@ -577,9 +665,17 @@ struct BootstrapLock {
     }
 };
 
+// The lock file of a state directory: beside it, named after it, so that the
+// builds of different library caches of one version do not wait for each
+// other.
+fs::path lockFileOf(const fs::path& stateDirectory) {
+    return stateDirectory.parent_path() /
+           (std::string(layout::lockFilePrefix) + stateDirectory.filename().string() +
+            std::string(layout::lockFileSuffix));
+}
+
 std::runtime_error lockError(const fs::path& lockPath) {
-    return std::runtime_error("Unable to lock Quor standard-library cache '" + lockPath.native() +
-                              "'");
+    return failure(message::lock, lockPath.native() + "'");
 }
 
 // Blocks until this open file description holds the lock. The descriptor is
@@ -600,8 +696,7 @@ void acquire(BootstrapLock& lock) {
 }
 
 std::runtime_error enumerationError(const fs::path& root, const std::error_code& error) {
-    return std::runtime_error("Unable to enumerate Quor standard library '" + root.native() +
-                              "': " + error.message());
+    return failure(message::enumerate, root.native() + "': " + error.message());
 }
 
 // A unit stays out of the precompiled library only when its own type header
@@ -627,22 +722,20 @@ bool isExcludedByHeader(const fs::path& file) {
     return false;
 }
 
-// Regular ".qr" files reached without following a symbolic link. Trouble with a
-// single entry only skips it; trouble with the walk itself is an error.
-bool isCompilableUnit(const fs::directory_entry& entry) {
-    std::error_code error;
-    const fs::file_status ownStatus = entry.symlink_status(error);
-    if (error || fs::is_symlink(ownStatus) || ownStatus.type() != fs::file_type::regular) {
-        return false;
-    }
-    if (entry.path().extension() != layout::sourceExtension) {
-        return false;
-    }
-    return !isExcludedByHeader(entry.path());
-}
-
-std::vector<std::string> collectSourceUnits(const fs::path& root) {
-    std::vector<std::string> sources;
+// The walk of the library: every regular ".qr" file reached without following
+// a symbolic link goes to `onUnit`, in the order the listing gives. Trouble
+// with a single entry only skips it; trouble with the walk itself is an
+// error. A folder that may not be read is skipped with everything below it.
+//
+// When `passedOver` is given, what the walk skips is added to it, so that an
+// explanation can say why a file is not built: a ".qr" name that is a link or
+// not a regular file, one whose status cannot be read, and a folder that may
+// not be read (the walk skips that one in silence, so each folder is tried
+// with an open of its own, which the build itself never pays for).
+template <typename OnUnit>
+void walkLibrary(const fs::path& root, OnUnit&& onUnit,
+                 std::vector<explain::PassedOver>* passedOver) {
+    using Why = explain::PassedOver::Why;
     std::error_code error;
     fs::recursive_directory_iterator entries(root, fs::directory_options::skip_permission_denied,
                                              error);
@@ -651,14 +744,57 @@ std::vector<std::string> collectSourceUnits(const fs::path& root) {
     }
     const fs::recursive_directory_iterator end;
     while (entries != end) {
-        if (isCompilableUnit(*entries)) {
-            sources.push_back(entries->path().lexically_normal().string());
+        const fs::directory_entry& entry = *entries;
+        std::error_code entryError;
+        const fs::file_status own = entry.symlink_status(entryError);
+        const bool unitName = entry.path().extension() == layout::sourceExtension;
+        if (!entryError && own.type() == fs::file_type::regular && unitName) {
+            onUnit(entry.path());
+        } else if (passedOver != nullptr) {
+            if (entryError) {
+                if (unitName && entryError != std::errc::no_such_file_or_directory) {
+                    passedOver->push_back({entry.path(), Why::Unexaminable, entryError.message()});
+                }
+            } else if (own.type() == fs::file_type::directory) {
+                const int fd =
+                    ::open(entry.path().c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+                if (fd >= 0) {
+                    ::close(fd); // opened only to see whether the walk can
+                } else if (errno == EACCES) {
+                    passedOver->push_back(
+                        {entry.path(), Why::ClosedFolder, std::generic_category().message(EACCES)});
+                }
+            } else if (unitName) {
+                passedOver->push_back(
+                    {entry.path(), fs::is_symlink(own) ? Why::Link : Why::NotRegular, {}});
+            }
         }
         entries.increment(error);
         if (error) {
             throw enumerationError(root, error);
         }
     }
+}
+
+// The units a build compiles: the walk's files less those the type-header
+// test keeps out, each as its lexically normal text, sorted. The
+// generic ones go to `passedOver` when it is given.
+std::vector<std::string> collectSourceUnits(const fs::path& root,
+                                            std::vector<explain::PassedOver>* passedOver) {
+    std::vector<std::string> sources;
+    walkLibrary(
+        root,
+        [&](const fs::path& file) {
+            if (!isExcludedByHeader(file)) {
+                sources.push_back(file.lexically_normal().string());
+            } else if (passedOver != nullptr) {
+                passedOver->push_back({file, explain::PassedOver::Why::Generic, {}});
+            }
+        },
+        passedOver);
+    // Bytewise order, so that "/std/a.qr" comes before "/std/a/b.qr" on every
+    // machine, whatever order the directory listing gave.
+    std::sort(sources.begin(), sources.end());
     return sources;
 }
 
@@ -705,8 +841,23 @@ bool isMissing(const std::error_code& error, const fs::file_status& status) {
 }
 
 std::runtime_error versionListingError(const fs::path& cacheRoot, const std::error_code& error) {
-    return std::runtime_error("Unable to inspect Quor cache versions in '" + cacheRoot.native() +
-                              "': " + error.message());
+    return failure(message::listVersions, cacheRoot.native() + "': " + error.message());
+}
+
+// The test removeOlderCacheVersions() runs on `target` just before deleting
+// it: the tree may have changed since the listing, and a link or a path
+// outside `root` is never deleted. Both are lexically normal.
+explain::RemovalVerdict removalVerdictOf(const fs::path& root, const fs::path& target) {
+    std::error_code error;
+    const fs::file_status status = fs::symlink_status(target, error);
+    if (isMissing(error, status)) {
+        return explain::RemovalVerdict::Gone;
+    }
+    if (error || target.parent_path().compare(root) != 0 ||
+        status.type() != fs::file_type::directory) {
+        return explain::RemovalVerdict::Refuse;
+    }
+    return explain::RemovalVerdict::Remove;
 }
 
 // A child is an older version only when it is a real directory (a link to one
@@ -777,12 +928,9 @@ StandardLibraryBootstrap::ensure(const StandardLibraryBootstrapCallback& progres
     std::error_code error;
     fs::create_directories(lockDirectory, error);
     if (error) {
-        throw std::runtime_error("Unable to create Quor cache root '" + lockDirectory.native() +
-                                 "': " + error.message());
+        throw failure(message::createCacheRoot, lockDirectory.native() + "': " + error.message());
     }
-    BootstrapLock lock(lockDirectory /
-                       (std::string(layout::lockFilePrefix) + stateDirectory.filename().string() +
-                        std::string(layout::lockFileSuffix)));
+    BootstrapLock lock(lockFileOf(stateDirectory));
     acquire(lock);
 
     // Only this second look, under the lock, decides: another process may have
@@ -795,13 +943,9 @@ StandardLibraryBootstrap::ensure(const StandardLibraryBootstrapCallback& progres
 
     Compiler::ensureObjectAbiCacheCurrent();
     const fs::path root(Runtime::getInstance().getStandardLibraryPath());
-    std::vector<std::string> sources = collectSourceUnits(root);
-    // Bytewise order, so that "/std/a.qr" comes before "/std/a/b.qr" on every
-    // machine, whatever order the directory listing gave.
-    std::sort(sources.begin(), sources.end());
+    const std::vector<std::string> sources = collectSourceUnits(root, nullptr);
     if (sources.empty()) {
-        throw std::runtime_error("Quor standard library contains no compilable source units: " +
-                                 root.native());
+        throw failure(message::noUnits, root.native());
     }
 
     result.bootstrapped = true;
@@ -832,8 +976,7 @@ StandardLibraryBootstrap::olderCacheVersions(const fs::path& cacheRoot,
         return {};
     }
     if (error) {
-        throw std::runtime_error("Unable to inspect Quor cache root '" + cacheRoot.native() +
-                                 "': " + error.message());
+        throw failure(message::inspectCacheRoot, cacheRoot.native() + "': " + error.message());
     }
     if (rootStatus.type() != fs::file_type::directory) {
         return {}; // a link to a cache root is not followed either
@@ -872,28 +1015,23 @@ std::size_t StandardLibraryBootstrap::removeOlderCacheVersions(const fs::path& c
     std::size_t removed = 0;
     for (const fs::path& candidate : candidates) {
         const fs::path target = candidate.lexically_normal();
-        std::error_code error;
-        const fs::file_status status = fs::symlink_status(target, error);
-        if (isMissing(error, status)) {
+        const explain::RemovalVerdict verdict = removalVerdictOf(root, target);
+        if (verdict == explain::RemovalVerdict::Gone) {
             continue; // gone since the listing; its first-launch state is not ours to touch
         }
-        // Tested again just before deleting: the tree may have changed since the
-        // listing, and a link or a path outside the root is never deleted.
-        if (error || target.parent_path().compare(root) != 0 ||
-            status.type() != fs::file_type::directory) {
-            throw std::runtime_error("Refusing to remove unsafe Quor cache path '" +
-                                     target.native() + "'");
+        if (verdict == explain::RemovalVerdict::Refuse) {
+            throw failure(message::unsafeRemoval, target.native() + "'");
         }
+        std::error_code error;
         fs::remove_all(target, error);
         if (error) {
-            throw std::runtime_error("Unable to remove old Quor cache '" + candidate.native() +
-                                     "': " + error.message());
+            throw failure(message::removeVersion, candidate.native() + "': " + error.message());
         }
-        const fs::path state = root / layout::firstLaunchDirectory / target.filename();
+        const fs::path state =
+            explain::versionDirectories(root, target.filename().native()).firstLaunchState;
         fs::remove_all(state, error);
         if (error && error != std::errc::no_such_file_or_directory) {
-            throw std::runtime_error("Unable to remove old Quor first-launch state '" +
-                                     state.native() + "': " + error.message());
+            throw failure(message::removeVersionState, state.native() + "': " + error.message());
         }
         ++removed;
     }
@@ -903,5 +1041,310 @@ std::size_t StandardLibraryBootstrap::removeOlderCacheVersions(const fs::path& c
 std::size_t StandardLibraryBootstrap::removeOlderCacheVersions() {
     return removeOlderCacheVersions(defaultCacheRoot(), std::string(compilerVersion));
 }
+
+// ---------------------------------------------------------------------------
+// Explanations
+//
+// The same decisions as above, with their reasons kept. Each function calls
+// the helpers that decide; where a decision stops at the first "no", the
+// explanation goes on to say everything that differs, and the fuzz targets
+// and the tool's tests hold the two to the same verdict.
+
+namespace explain {
+
+std::string_view compilerVersion() {
+    return compiler::compilerVersion;
+}
+
+std::string_view fingerprintSourceName(FingerprintSource source) {
+    switch (source) {
+    case FingerprintSource::InstalledFile:
+        return "installed";
+    case FingerprintSource::BuildTreeFile:
+        return "build-tree";
+    case FingerprintSource::Fallback:
+        break;
+    }
+    return "fallback";
+}
+
+std::string readFingerprintFile(const fs::path& file) {
+    return compiler::readFingerprintFile(file.native());
+}
+
+fs::path installedFingerprintFile(const fs::path& library) {
+    return compiler::installedFingerprintFile(library.native());
+}
+
+fs::path buildTreeFingerprintFile() {
+    return compiler::buildTreeFingerprintFile();
+}
+
+Identity currentIdentity() {
+    const std::string library = Runtime::getInstance().getStandardLibraryPath();
+    const FirstLaunchIdentity decided = firstLaunchIdentityAfter(
+        compiler::readFingerprintFile(compiler::installedFingerprintFile(library)));
+    Identity identity;
+    identity.version = std::string(compiler::compilerVersion);
+    identity.abiVersion = decided.abiVersion;
+    identity.fingerprint = decided.fingerprint;
+    identity.source = decided.source;
+    switch (decided.source) {
+    case FingerprintSource::InstalledFile:
+        identity.fingerprintFile = installedFingerprintFile(library);
+        break;
+    case FingerprintSource::BuildTreeFile:
+        identity.fingerprintFile = compiler::buildTreeFingerprintFile();
+        break;
+    case FingerprintSource::Fallback:
+        break;
+    }
+    return identity;
+}
+
+FirstLaunchPaths currentPaths() {
+    const Runtime& runtime = Runtime::getInstance();
+    FirstLaunchPaths paths;
+    paths.library = runtime.getStandardLibraryPath();
+    std::string marker;
+    std::size_t stateDirectoryLength = 0;
+    composeMarkerPath(marker, stateDirectoryLength);
+    paths.cacheBranch = runtime.getCacheBranchPath();
+    paths.libraryCache = runtime.getLibCachePath();
+    paths.cacheRoot = std::string(parentPathOf(paths.cacheBranch.native()));
+    std::string firstLaunch(paths.cacheRoot.native());
+    appendPathElement(firstLaunch, layout::firstLaunchDirectory);
+    std::string versionState = firstLaunch;
+    appendPathElement(versionState, compiler::compilerVersion);
+    paths.firstLaunch = firstLaunch;
+    paths.versionState = versionState;
+    paths.stateDirectory = marker.substr(0, stateDirectoryLength);
+    paths.marker = marker;
+    paths.lockFile = lockFileOf(paths.stateDirectory);
+    return paths;
+}
+
+std::string_view markerVerdictName(MarkerVerdict verdict) {
+    switch (verdict) {
+    case MarkerVerdict::Valid:
+        return "valid";
+    case MarkerVerdict::Missing:
+        return "missing";
+    case MarkerVerdict::Unreadable:
+        return "unreadable";
+    case MarkerVerdict::Malformed:
+        return "malformed";
+    case MarkerVerdict::Mismatch:
+        break;
+    }
+    return "mismatch";
+}
+
+namespace {
+
+// "a FIFO", "a character device", ... for what is not a regular file.
+std::string_view fileKindName(mode_t type) {
+    switch (type) {
+    case S_IFIFO:
+        return "a FIFO";
+    case S_IFCHR:
+        return "a character device";
+    case S_IFBLK:
+        return "a block device";
+    case S_IFSOCK:
+        return "a socket";
+    default:
+        return {};
+    }
+}
+
+mode_t fileTypeBits(fs::file_type type) {
+    switch (type) {
+    case fs::file_type::fifo:
+        return S_IFIFO;
+    case fs::file_type::character:
+        return S_IFCHR;
+    case fs::file_type::block:
+        return S_IFBLK;
+    case fs::file_type::socket:
+        return S_IFSOCK;
+    case fs::file_type::directory:
+        return S_IFDIR;
+    default:
+        return 0;
+    }
+}
+
+// Why a marker path that the reader does not take reads as no marker.
+void explainUnopened(const fs::path& marker, const LineReader& reader, MarkerDiagnosis& diagnosis) {
+    diagnosis.verdict = MarkerVerdict::Unreadable;
+    mode_t type = reader.type();
+    if (!reader.pathOpened()) {
+        if (reader.openError() == ENOENT || reader.openError() == ENOTDIR) {
+            diagnosis.verdict = MarkerVerdict::Missing;
+            diagnosis.detail = "no readiness marker";
+            return;
+        }
+        // What it is, for a path that cannot be opened at all (a socket,
+        // a link that leads nowhere it may go).
+        std::error_code error;
+        const fs::file_status status = fs::status(marker, error);
+        if (error) {
+            diagnosis.detail = "cannot examine the marker: " + error.message();
+            return;
+        }
+        type = fileTypeBits(status.type());
+    }
+    if (type == S_IFDIR) {
+        diagnosis.detail = "the marker path is a directory";
+    } else if (const std::string_view kind = fileKindName(type); !kind.empty()) {
+        diagnosis.detail = "the marker is not a regular file (" + std::string(kind) + ")";
+    } else {
+        diagnosis.detail = "the marker cannot be opened for reading";
+    }
+}
+
+} // namespace
+
+MarkerDiagnosis diagnoseMarker(const fs::path& marker, const Identity& identity) {
+    MarkerDiagnosis diagnosis;
+    LineReader reader(marker.c_str());
+    if (!reader.isOpen()) {
+        explainUnopened(marker, reader, diagnosis);
+        return diagnosis;
+    }
+    std::array<std::string, layout::markerLineCount> lines;
+    std::size_t count = 0;
+    std::string_view line;
+    while (count < lines.size() && reader.readLine(line)) {
+        lines[count++] = line;
+    }
+    if (reader.lineTooLong()) {
+        diagnosis.verdict = MarkerVerdict::Malformed;
+        diagnosis.detail = "line " + std::to_string(count + 1) + " of the marker is longer than " +
+                           std::to_string(layout::maxLineLength) + " bytes";
+        return diagnosis;
+    }
+    if (count == 0 && reader.readFailed()) {
+        diagnosis.verdict = MarkerVerdict::Unreadable;
+        diagnosis.detail = "the marker cannot be read";
+        return diagnosis;
+    }
+    if (count < lines.size()) {
+        diagnosis.verdict = MarkerVerdict::Malformed;
+        diagnosis.detail = "the marker has " + std::to_string(count) + " of its " +
+                           std::to_string(lines.size()) + " lines";
+        return diagnosis;
+    }
+    // Compared untrimmed, as markerCertifies() compares it.
+    if (lines[0] != layout::markerHeader) {
+        diagnosis.verdict = MarkerVerdict::Malformed;
+        diagnosis.detail = "the marker's first line is not " + std::string(layout::markerHeader);
+        return diagnosis;
+    }
+    const std::array<MarkerField, 4> fields{{
+        {"format", std::to_string(layout::markerFormat),
+         std::string(compiler::markerValue(lines[1], "format"))},
+        {"version", identity.version, std::string(compiler::markerValue(lines[2], "version"))},
+        {"abi", std::to_string(identity.abiVersion),
+         std::string(compiler::markerValue(lines[3], "abi"))},
+        {"fingerprint", identity.fingerprint,
+         std::string(compiler::markerValue(lines[4], "fingerprint"))},
+    }};
+    for (const MarkerField& field : fields) {
+        if (field.expected != field.found) {
+            diagnosis.differences.push_back(field);
+        }
+    }
+    diagnosis.verdict =
+        diagnosis.differences.empty() ? MarkerVerdict::Valid : MarkerVerdict::Mismatch;
+    return diagnosis;
+}
+
+std::string_view passedOverName(PassedOver::Why why) {
+    switch (why) {
+    case PassedOver::Why::Generic:
+        return "generic";
+    case PassedOver::Why::Link:
+        return "link";
+    case PassedOver::Why::NotRegular:
+        return "not-regular";
+    case PassedOver::Why::Unexaminable:
+        return "unexaminable";
+    case PassedOver::Why::ClosedFolder:
+        break;
+    }
+    return "closed-folder";
+}
+
+namespace {
+
+void sortByPath(std::vector<PassedOver>& passedOver) {
+    std::sort(passedOver.begin(), passedOver.end(),
+              [](const PassedOver& a, const PassedOver& b) { return a.path < b.path; });
+}
+
+} // namespace
+
+UnitChoice chooseUnits(const fs::path& root) {
+    UnitChoice choice;
+    choice.units = collectSourceUnits(root, &choice.passedOver);
+    sortByPath(choice.passedOver);
+    return choice;
+}
+
+std::vector<std::string> libraryUnitFiles(const fs::path& root,
+                                          std::vector<PassedOver>* passedOver) {
+    std::vector<std::string> files;
+    walkLibrary(
+        root, [&files](const fs::path& file) { files.push_back(file.lexically_normal().string()); },
+        passedOver);
+    std::sort(files.begin(), files.end());
+    if (passedOver != nullptr) {
+        sortByPath(*passedOver);
+    }
+    return files;
+}
+
+VersionDirectories versionDirectories(const fs::path& cacheRoot, std::string_view version) {
+    const fs::path root = cacheRoot.lexically_normal();
+    return {root / version, root / layout::firstLaunchDirectory / version};
+}
+
+bool isLockFileName(std::string_view name) {
+    return name.size() > layout::lockFilePrefix.size() + layout::lockFileSuffix.size() &&
+           name.starts_with(layout::lockFilePrefix) && name.ends_with(layout::lockFileSuffix);
+}
+
+RemovalVerdict removalVerdict(const fs::path& cacheRoot, const fs::path& candidate) {
+    return removalVerdictOf(cacheRoot.lexically_normal(), candidate.lexically_normal());
+}
+
+std::span<const FailureMessage> failureMessages() {
+    return failureTable;
+}
+
+std::optional<FailureCause> failureCauseOf(std::string_view message) {
+    for (const FailureMessage& known : failureTable) {
+        if (message.starts_with(known.opening)) {
+            return known.cause;
+        }
+    }
+    return std::nullopt;
+}
+
+std::string trim(std::string_view text) {
+    return std::string(compiler::trim(text));
+}
+
+std::string markerValue(std::string_view line, std::string_view key) {
+    return std::string(compiler::markerValue(line, key));
+}
+
+bool parseVersion(const std::string& text, std::array<unsigned long long, 3>& version) {
+    return compiler::parseVersion(text, version);
+}
+
+} // namespace explain
 
 } // namespace quor::compiler

@@ -7,13 +7,13 @@
 // names an identity for the writer: markReady must write exactly the format's
 // bytes, leave no temporary file, and certify what it wrote whenever the
 // identity can be certified at all. trim and markerValue are checked against
-// their own rules on every line. The tool's marker diagnosis (CacheProbe) must
-// agree with the unit's verdict on every input.
+// their own rules on every line. The unit's explanation of a marker
+// (explain::diagnoseMarker), which reads on past the first difference, must
+// reach isReady's verdict on every input.
 
+#include "compiler/BootstrapExplanation.h"
 #include "compiler/StandardLibraryCacheState.h"
 #include "fuzz/FuzzCheck.h"
-#include "fuzz/UnitAccess.h"
-#include "tools/quor-stdlib/CacheProbe.h"
 
 #include <array>
 #include <charconv>
@@ -117,16 +117,17 @@ std::string readFile(const fs::path& file) {
 }
 
 void checkTrimAndValue(const std::string& line) {
-    const std::string trimmed = quor::fuzz::trim(line);
+    const std::string trimmed = quor::compiler::explain::trim(line);
     QUOR_FUZZ_CHECK(trimmed == modelTrim(line));
-    QUOR_FUZZ_CHECK(quor::fuzz::trim(trimmed) == trimmed);
+    QUOR_FUZZ_CHECK(quor::compiler::explain::trim(trimmed) == trimmed);
     for (const char* key : {"format", "version", "abi", "fingerprint", ""}) {
-        QUOR_FUZZ_CHECK(quor::fuzz::markerValue(line, key) == modelValue(line, key));
+        QUOR_FUZZ_CHECK(quor::compiler::explain::markerValue(line, key) == modelValue(line, key));
     }
     const std::size_t equals = line.find('=');
     if (equals != std::string::npos) {
         const std::string key = line.substr(0, equals);
-        QUOR_FUZZ_CHECK(quor::fuzz::markerValue(line, key) == modelTrim(line.substr(equals + 1)));
+        QUOR_FUZZ_CHECK(quor::compiler::explain::markerValue(line, key) ==
+                        modelTrim(line.substr(equals + 1)));
     }
 }
 
@@ -205,15 +206,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         const StandardLibraryCacheState state(readerDirectory, identity.version, identity.abi,
                                               identity.fingerprint);
         QUOR_FUZZ_CHECK(state.isReady() == modelCertifies(bytes, identity));
-        // The tool's explanation must reach the unit's verdict on every input:
+        // The explanation must reach the decision's verdict on every input:
         // `status` reports "valid" exactly when the unit accepts the marker.
-        quor::stdlibtool::Identity probed;
+        quor::compiler::explain::Identity probed;
         probed.version = identity.version;
         probed.abiVersion = identity.abi;
         probed.fingerprint = identity.fingerprint;
         const auto diagnosis =
-            quor::stdlibtool::diagnoseMarker(readerDirectory / ".quor-stdlib-ready", probed);
-        QUOR_FUZZ_CHECK((diagnosis.verdict == quor::stdlibtool::MarkerVerdict::Valid) ==
+            quor::compiler::explain::diagnoseMarker(readerDirectory / ".quor-stdlib-ready", probed);
+        QUOR_FUZZ_CHECK((diagnosis.verdict == quor::compiler::explain::MarkerVerdict::Valid) ==
                         state.isReady());
     }
 

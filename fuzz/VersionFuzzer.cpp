@@ -5,8 +5,8 @@
 // relies on (lexicographic on the three numbers) is checked against the text
 // of the input with one more patch.
 
+#include "compiler/BootstrapExplanation.h"
 #include "fuzz/FuzzCheck.h"
-#include "fuzz/UnitAccess.h"
 
 #include <array>
 #include <cstddef>
@@ -70,7 +70,7 @@ std::optional<Version> modelVersion(std::string_view text) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string text(reinterpret_cast<const char*>(data), size);
     Version parsed{};
-    const bool accepted = quor::fuzz::parseVersion(text, parsed);
+    const bool accepted = quor::compiler::explain::parseVersion(text, parsed);
     const std::optional<Version> expected = modelVersion(text);
     QUOR_FUZZ_CHECK(accepted == expected.has_value());
     if (!accepted) {
@@ -84,7 +84,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         const std::string next = std::to_string(parsed[0]) + "." + std::to_string(parsed[1]) + "." +
                                  std::to_string(parsed[2] + 1);
         Version bumped{};
-        QUOR_FUZZ_CHECK(quor::fuzz::parseVersion(next, bumped));
+        QUOR_FUZZ_CHECK(quor::compiler::explain::parseVersion(next, bumped));
         QUOR_FUZZ_CHECK(parsed < bumped);
     }
     return 0;

@@ -22,10 +22,7 @@ using compiler::CacheAccess;
 using compiler::CacheLayoutEntry;
 
 bool isBuildLockName(const std::string& name) {
-    constexpr std::string_view prefix = compiler::layout::lockFilePrefix;
-    constexpr std::string_view suffix = compiler::layout::lockFileSuffix;
-    return name.size() > prefix.size() + suffix.size() && name.starts_with(prefix) &&
-           name.ends_with(suffix);
+    return compiler::explain::isLockFileName(name);
 }
 
 namespace {
@@ -138,10 +135,10 @@ void VersionLocks::release() {
 
 std::optional<BusyVersion> VersionLocks::acquire(const fs::path& cacheRoot,
                                                  const std::vector<fs::path>& versions) {
-    const fs::path firstLaunch =
-        cacheRoot.lexically_normal() / compiler::layout::firstLaunchDirectory;
     for (const fs::path& version : versions) {
-        const fs::path state = firstLaunch / version.filename();
+        const fs::path state =
+            compiler::explain::versionDirectories(cacheRoot, version.filename().native())
+                .firstLaunchState;
         std::error_code error;
         fs::directory_iterator entries(state, error);
         for (; !error && entries != fs::directory_iterator(); entries.increment(error)) {

@@ -1,21 +1,14 @@
-// Read-only examination of the standard-library cache for `status` and `prune`:
-// the running compiler's identity and where its fingerprint came from, the
-// paths the bootstrap uses, why a marker does not validate, how many units a
-// build would compile, and how much disk a directory takes.
-//
-// The bootstrap keeps these rules private, so they are reproduced here and must
-// follow it exactly: the fingerprint files (first line only, trimmed of space,
-// tab, CR and LF, exactly 64 hexadecimal digits, lower-cased; installed file
-// first, then the build tree's, then "version-<v>-abi-<n>"), the state layout
-// below the cache root, the marker's five positional lines, and the choice of
-// compilable units. Both files are read as the bootstrap reads them: only a
-// regular file counts (a FIFO, a device or a socket reads as no file, without
-// waiting), and a line longer than 64 KiB fails its read. Whether the cache is
-// ready is still asked of the bootstrap's own StandardLibraryCacheState; the
-// diagnosis only explains its answer.
+// What the tool shows about the standard-library cache. The bootstrap's rules
+// (the identity and where its fingerprint came from, the first-launch paths,
+// why a marker does or does not certify, which units a build compiles, what
+// may be removed) are asked of the bootstrap itself through
+// compiler/BootstrapExplanation.h and only named here for the tool's use.
+// What no rule of the bootstrap decides, sizes on disk, is measured here.
 
 #ifndef QUOR_TOOLS_QUOR_STDLIB_CACHEPROBE_H
 #define QUOR_TOOLS_QUOR_STDLIB_CACHEPROBE_H
+
+#include "compiler/BootstrapExplanation.h"
 
 #include <cstdint>
 #include <filesystem>
@@ -25,103 +18,38 @@
 
 namespace quor::stdlibtool {
 
-// The compiler version this tool was built with; the bootstrap uses the same.
-std::string_view compilerVersion();
+using compiler::explain::compilerVersion;
+using compiler::explain::currentIdentity;
+using compiler::explain::currentPaths;
+using compiler::explain::diagnoseMarker;
+using compiler::explain::FingerprintSource;
+using compiler::explain::fingerprintSourceName;
+using compiler::explain::Identity;
+using compiler::explain::installedFingerprintFile;
+using compiler::explain::MarkerDiagnosis;
+using compiler::explain::MarkerField;
+using compiler::explain::MarkerVerdict;
+using compiler::explain::markerVerdictName;
+using compiler::explain::readFingerprintFile;
+using CachePaths = compiler::explain::FirstLaunchPaths;
 
-enum class FingerprintSource { InstalledFile, BuildTreeFile, Fallback };
-
-// "installed", "build-tree" or "fallback".
-std::string_view fingerprintSourceName(FingerprintSource source);
-
-struct Identity {
-    std::string version;
-    int abiVersion = 0;
-    std::string fingerprint;
-    FingerprintSource source = FingerprintSource::Fallback;
-    std::filesystem::path fingerprintFile; // the file it was read from; empty for the fallback
-};
-
-struct CachePaths {
-    std::filesystem::path library;        // standard-library root (need not exist)
-    std::filesystem::path cacheRoot;      // parent of the cache branch
-    std::filesystem::path cacheBranch;    // <root>/<version>
-    std::filesystem::path libraryCache;   // <branch>/lib
-    std::filesystem::path firstLaunch;    // <root>/.first-launch
-    std::filesystem::path versionState;   // <root>/.first-launch/<version>
-    std::filesystem::path stateDirectory; // <root>/.first-launch/<version>/<lib leaf>
-    std::filesystem::path marker;         // <state directory>/.quor-stdlib-ready
-    std::filesystem::path lockFile; // <root>/.first-launch/<version>/.stdlib-bootstrap-<leaf>.lock
-};
-
-// The fingerprint in `file` under the bootstrap's rules, or "" when the file
-// gives none (missing, not a regular file, first line not 64 hexadecimal
-// digits or longer than 64 KiB). Never blocks, and never throws for file
-// trouble.
-std::string readFingerprintFile(const std::filesystem::path& file);
-
-// The fingerprint file a library carries for itself, which the bootstrap
-// looks at first: <library>/.quor-stdlib-fingerprint.
-std::filesystem::path installedFingerprintFile(const std::filesystem::path& library);
-
-// The build tree whose generated fingerprint the bootstrap falls back to.
-std::filesystem::path buildTreeFingerprintFile();
-
-// The identity the bootstrap checks the marker against, computed from the
-// configured Runtime and Compiler::objectAbiVersion().
-Identity currentIdentity();
-
-// The bootstrap's paths for the configured Runtime.
-CachePaths currentPaths();
-
-enum class MarkerVerdict {
-    Valid,      // every line matches the identity
-    Missing,    // no marker file
-    Unreadable, // the path exists but is not a regular file, or cannot be opened or read
-    Malformed,  // fewer than five lines, a wrong first line, or a line over 64 KiB
-    Mismatch,   // well-formed, but recorded for another identity
-};
-
-// "valid", "missing", "unreadable", "malformed", "mismatch".
-std::string_view markerVerdictName(MarkerVerdict verdict);
-
-struct MarkerField {
-    std::string name; // "format", "version", "abi" or "fingerprint"
-    std::string expected;
-    std::string found; // the trimmed value after "<name>="; "" when the key is absent
-};
-
-struct MarkerDiagnosis {
-    MarkerVerdict verdict = MarkerVerdict::Missing;
-    std::string detail;                   // a sentence for Unreadable and Malformed
-    std::vector<MarkerField> differences; // every differing field, for Mismatch
-};
-
-// Reads the marker at `marker` the way the bootstrap validates it, but keeps
-// going past the first difference so that every differing field is reported.
-// Never blocks, and reads at most five lines of at most 64 KiB each.
-MarkerDiagnosis diagnoseMarker(const std::filesystem::path& marker, const Identity& identity);
-
-// Something below the library root that the bootstrap's walk passes over in
-// silence: a ".qr" unit whose status cannot be read (its path is longer than
-// the system allows, say) or a folder that may not be read.
+// Something below the library root that the bootstrap's walk cannot look at:
+// a ".qr" unit whose status cannot be read (its path is longer than the
+// system allows, say) or a folder that may not be read.
 struct UnreachableEntry {
     std::filesystem::path path;
     std::string reason; // the system's text: "File name too long", "Permission denied"
 };
 
-// Every unit file of the library, generic or not, sorted by path: regular
-// ".qr" files below `root`, symbolic links skipped, folders that may not be
-// read passed over. When `unreachable` is given, what the walk passes over is
-// added to it. Throws std::runtime_error with the bootstrap's enumeration
-// message when the walk fails.
+// The bootstrap's libraryUnitFiles(): every unit file of the library, generic
+// or not, sorted. When `unreachable` is given, what trouble kept the walk from
+// looking at is added to it. Throws the bootstrap's enumeration failure.
 std::vector<std::string> libraryUnitFiles(const std::filesystem::path& root,
                                           std::vector<UnreachableEntry>* unreachable = nullptr);
 
-// The units a build would hand to the precompiler, sorted as the bootstrap sorts
-// them: regular ".qr" files below `root` (symbolic links skipped) except those
-// whose own type header is generic. When `unreachable` is given, what the walk
-// passes over is added to it. Throws std::runtime_error with the bootstrap's
-// enumeration message when the walk fails.
+// The bootstrap's chooseUnits(): the units a build would hand to the
+// precompiler, in its order, with what trouble kept the walk from looking at
+// added to `unreachable` when it is given. Throws as the bootstrap does.
 std::vector<std::string> compilableUnits(const std::filesystem::path& root,
                                          std::vector<UnreachableEntry>* unreachable = nullptr);
 

@@ -44,8 +44,9 @@ std::string plural(std::size_t count, std::string_view one, std::string_view man
 // of thousands of files takes a while; its rules must stay what decides. So
 // the emptying here only goes ahead of it, under the build locks already
 // held, and keeps to those rules: a candidate is touched only when the
-// bootstrap's own test before deleting would pass (a real directory, not a
-// link, directly under the cache root as given), it is opened with O_NOFOLLOW
+// bootstrap's own test before deleting passes (compiler::explain::
+// removalVerdict: a real directory, not a link, directly under the cache root
+// as given), it is opened with O_NOFOLLOW
 // relative to the root, and nothing below it is followed (TreeRemoval.h). At
 // the first candidate that fails that test, or whose tree cannot be emptied
 // entirely, the emptying stops and leaves the rest as it is: the bootstrap
@@ -61,12 +62,10 @@ void emptyOlderVersions(const fs::path& root, const std::vector<Candidate>& cand
         return;
     for (const auto& candidate : candidates) {
         const fs::path target = candidate.path.lexically_normal();
-        std::error_code error;
-        const fs::file_status status = fs::symlink_status(target, error);
-        if (status.type() == fs::file_type::not_found)
+        const auto verdict = compiler::explain::removalVerdict(normalRoot, target);
+        if (verdict == compiler::explain::RemovalVerdict::Gone)
             continue;
-        if (error || target.parent_path().compare(normalRoot) != 0 ||
-            status.type() != fs::file_type::directory)
+        if (verdict == compiler::explain::RemovalVerdict::Refuse)
             break;
         const int directory = ::openat(rootDirectory, target.filename().c_str(),
                                        O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);

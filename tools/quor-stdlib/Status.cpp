@@ -55,7 +55,9 @@ struct StatusReport {
     // many it would take as they are (sound in place, or set aside earlier).
     std::optional<std::size_t> wouldCompile;
     std::optional<std::size_t> wouldReuse;
-    std::vector<UnreachableEntry> unreachable; // what the build's walk passes over
+    std::vector<UnreachableEntry> unreachable; // what the build's walk cannot look at
+    // Everything the build's walk passes over, with the bootstrap's reason.
+    std::vector<compiler::explain::PassedOver> passedOver;
     std::vector<OlderVersion> olderVersions;
     std::vector<OlderVersion> newerVersions; // never pruned; shown for their space
     bool checkOnly = false;                  // --check: units and older versions were not looked at
@@ -163,8 +165,14 @@ StatusReport gatherStatus(bool check) {
             // What keeps the library from being read is reported with the units.
         }
         try {
-            const std::vector<std::string> units =
-                compilableUnits(report.paths.library, &report.unreachable);
+            compiler::explain::UnitChoice choice =
+                compiler::explain::chooseUnits(report.paths.library);
+            const std::vector<std::string>& units = choice.units;
+            report.passedOver = std::move(choice.passedOver);
+            using Why = compiler::explain::PassedOver::Why;
+            for (const auto& entry : report.passedOver)
+                if (entry.why == Why::Unexaminable || entry.why == Why::ClosedFolder)
+                    report.unreachable.push_back({entry.path, entry.reason});
             report.units = units.size();
             // The bootstrap refuses an empty batch, after it took the lock.
             if (units.empty() && !report.ready && report.ensureFailure.empty())
@@ -259,6 +267,15 @@ json unreachableJson(const StatusReport& report) {
     return entries;
 }
 
+json passedOverJson(const StatusReport& report) {
+    json entries = json::array();
+    for (const auto& entry : report.passedOver)
+        entries.push_back({{"path", entry.path.string()},
+                           {"why", compiler::explain::passedOverName(entry.why)},
+                           {"reason", entry.reason.empty() ? json(nullptr) : json(entry.reason)}});
+    return entries;
+}
+
 json reasonJson(const StatusReport& report) {
     if (report.ready)
         return nullptr;
@@ -326,6 +343,12 @@ json statusJson(const StatusReport& report) {
                           ? json{{"compile", *report.wouldCompile}, {"reuse", *report.wouldReuse}}
                           : json(nullptr)},
         {"unreachable", unreachableJson(report)},
+        {"passedOver", passedOverJson(report)},
+        {"marker", report.refusal.empty()
+                       ? json{{"verdict", markerVerdictName(report.marker.verdict)},
+                              {"detail", report.marker.detail.empty() ? json(nullptr)
+                                                                      : json(report.marker.detail)}}
+                       : json(nullptr)},
         {"versionBytes", report.checkOnly ? json(nullptr) : json(report.currentVersionBytes)},
         {"olderVersions", report.checkOnly ? json(nullptr) : std::move(older)},
         {"olderVersionsBytes", report.checkOnly ? json(nullptr) : json(olderBytes)},
