@@ -4,6 +4,7 @@
 // (realpath) and judging afterwards would leave the links themselves unjudged.
 
 #include "compiler/CacheTrust.h"
+#include "compiler/ServiceError.h"
 
 #include <cerrno>
 #include <deque>
@@ -61,8 +62,8 @@ public:
         if (errno == ENOENT) {
             return false;
         }
-        throw std::runtime_error("Unable to inspect Quor cache path " + quoted(path) + ": " +
-                                 systemMessage(errno));
+        throw CacheIoError("Unable to inspect Quor cache path " + quoted(path) + ": " +
+                           systemMessage(errno));
     }
 
     // Creates `path` as a directory unless something already stands there, and
@@ -70,8 +71,8 @@ public:
     // component, and 0755 stays closed to others whatever the umask says.
     bool create(const fs::path& path, struct stat& info) const {
         if (::mkdir(path.c_str(), 0755) != 0 && errno != EEXIST) {
-            throw std::runtime_error("Unable to create Quor cache directory " + quoted(path) +
-                                     ": " + systemMessage(errno));
+            throw CacheIoError("Unable to create Quor cache directory " + quoted(path) + ": " +
+                               systemMessage(errno));
         }
         return inspect(path, info);
     }
@@ -128,8 +129,8 @@ public:
         std::error_code error;
         const fs::path absolute = fs::absolute(root_, error);
         if (error) {
-            throw std::runtime_error("Unable to inspect Quor cache path " + quoted(root_) + ": " +
-                                     error.message());
+            throw CacheIoError("Unable to inspect Quor cache path " + quoted(root_) + ": " +
+                               error.message());
         }
         std::deque<fs::path> pending(absolute.begin(), absolute.end());
         fs::path resolved = "/";
@@ -163,8 +164,8 @@ public:
                     return false;
                 }
                 if (!create(next, info)) {
-                    throw std::runtime_error("Unable to create Quor cache directory " +
-                                             quoted(next) + ": " + systemMessage(ENOENT));
+                    throw CacheIoError("Unable to create Quor cache directory " + quoted(next) +
+                                       ": " + systemMessage(ENOENT));
                 }
             }
             if (S_ISLNK(info.st_mode)) {
@@ -177,8 +178,8 @@ public:
                 std::error_code linkError;
                 const fs::path target = fs::read_symlink(next, linkError);
                 if (linkError) {
-                    throw std::runtime_error("Unable to inspect Quor cache path " + quoted(next) +
-                                             ": " + linkError.message());
+                    throw CacheIoError("Unable to inspect Quor cache path " + quoted(next) + ": " +
+                                       linkError.message());
                 }
                 pending.insert(pending.begin(), target.begin(), target.end());
                 if (target.is_absolute()) {

@@ -22,8 +22,11 @@
 #ifndef QUOR_COMPILER_CACHETRUST_H
 #define QUOR_COMPILER_CACHETRUST_H
 
+#include "compiler/ServiceError.h"
+
 #include <filesystem>
 #include <stdexcept>
+#include <string>
 #include <vector>
 
 namespace quor::compiler {
@@ -35,9 +38,10 @@ enum class CacheAccess {
 
 // A cache root, or something inside it, that cannot be vouched for. The message
 // names the offending path, what is wrong with it and what to do.
-class UntrustedCacheError : public std::runtime_error {
+class UntrustedCacheError : public ServiceError {
 public:
-    using std::runtime_error::runtime_error;
+    explicit UntrustedCacheError(const std::string& message)
+        : ServiceError(Category::Untrusted, message) {}
 };
 
 // One path of the cache layout that is read or written below the cache root.

@@ -9,6 +9,7 @@
 // the whole batch durable, which is far cheaper than one fsync per object.
 
 #include "compiler/Compiler.h"
+#include "compiler/ServiceError.h"
 
 #include "compiler/CacheTrust.h"
 #include "compiler/ObjectCache.h"
@@ -50,11 +51,12 @@ std::string systemMessage(int error) {
 }
 
 // What a worker tells the calling thread: unit `index` is done, after
-// `seconds` of the worker's time, or failed with `failure`.
+// `seconds` of the worker's time, or failed with `failure`, which the calling
+// thread throws again as it was thrown, type and all.
 struct Event {
     std::size_t index = 0;
     bool failed = false;
-    std::string failure;
+    std::exception_ptr failure;
     double seconds = 0;
 };
 
@@ -127,9 +129,9 @@ struct Batch {
         };
         std::vector<CompiledObject> compiledObjects;
         std::optional<Event> failure;
-        const auto fail = [&](std::size_t index, std::string message) {
+        const auto fail = [&](std::size_t index, std::exception_ptr thrown) {
             if (!failure) {
-                failure = Event{index, true, std::move(message)};
+                failure = Event{index, true, std::move(thrown)};
             }
             stop.store(true);
         };
@@ -145,10 +147,11 @@ struct Batch {
                     reused.fetch_add(1);
                     done.push_back(Event{index, false, {}, secondsSince(started)});
                 }
-            } catch (const std::exception& error) {
-                fail(index, error.what());
+            } catch (const std::exception&) {
+                fail(index, std::current_exception());
             } catch (...) {
-                fail(index, units[index].source + ":1:1: unknown failure");
+                fail(index, std::make_exception_ptr(ServiceInternalError(units[index].source +
+                                                                         ":1:1: unknown failure")));
             }
         }
         if (!compiledObjects.empty()) {
@@ -159,8 +162,8 @@ struct Batch {
                     writeObject(units[index], object);
                     compiled.fetch_add(1);
                     done.push_back(Event{index, false, {}, seconds + secondsSince(started)});
-                } catch (const std::exception& error) {
-                    fail(index, error.what());
+                } catch (const std::exception&) {
+                    fail(index, std::current_exception());
                     break;
                 }
             }
@@ -244,14 +247,14 @@ private:
 void syncLibraryCache(const std::string& lib) {
     int fd = ::open(lib.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0) {
-        throw std::runtime_error("Unable to sync Quor library cache '" + lib +
-                                 "': " + systemMessage(errno));
+        throw CacheIoError("Unable to sync Quor library cache '" + lib +
+                           "': " + systemMessage(errno));
     }
     int error = ::syncfs(fd) == 0 ? 0 : errno;
     ::close(fd); // read-only directory descriptor: nothing to lose on close
     if (error != 0) {
-        throw std::runtime_error("Unable to sync Quor library cache '" + lib +
-                                 "': " + systemMessage(error));
+        throw CacheIoError("Unable to sync Quor library cache '" + lib +
+                           "': " + systemMessage(error));
     }
 }
 
@@ -324,9 +327,9 @@ PreparedLibraryCache& preparedLibraryCache() {
     return prepared;
 }
 
-std::runtime_error libraryCacheReplaced(const fs::path& lib) {
-    return std::runtime_error("Quor library cache '" + lib.native() +
-                              "' was removed or replaced while it was being built; build it again");
+CacheIoError libraryCacheReplaced(const fs::path& lib) {
+    return CacheIoError("Quor library cache '" + lib.native() +
+                        "' was removed or replaced while it was being built; build it again");
 }
 
 // Creates the folders of one object below the library cache, one level at a
@@ -340,13 +343,13 @@ void createObjectDirectory(const fs::path& lib, const fs::path& directory) {
         }
         current /= element;
         if (::mkdir(current.c_str(), 0755) != 0 && errno != EEXIST) {
-            throw std::runtime_error("Unable to create Quor library cache directory '" +
-                                     current.native() + "': " + systemMessage(errno));
+            throw CacheIoError("Unable to create Quor library cache directory '" +
+                               current.native() + "': " + systemMessage(errno));
         }
         struct stat info {};
         if (::lstat(current.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
-            throw std::runtime_error("Unable to create Quor library cache directory '" +
-                                     current.native() + "': " + systemMessage(ENOTDIR));
+            throw CacheIoError("Unable to create Quor library cache directory '" +
+                               current.native() + "': " + systemMessage(ENOTDIR));
         }
     }
 }
@@ -361,8 +364,8 @@ void clearDirectory(const fs::path& directory, const std::string& keep) {
         return;
     }
     if (error) {
-        throw std::runtime_error("Unable to inspect Quor library cache '" + directory.native() +
-                                 "': " + error.message());
+        throw CacheIoError("Unable to inspect Quor library cache '" + directory.native() +
+                           "': " + error.message());
     }
     for (; entries != fs::directory_iterator(); entries.increment(error)) {
         if (!keep.empty() && entries->path().filename() == keep) {
@@ -370,13 +373,13 @@ void clearDirectory(const fs::path& directory, const std::string& keep) {
         }
         fs::remove_all(entries->path(), error);
         if (error) {
-            throw std::runtime_error("Unable to remove stale Quor object '" +
-                                     entries->path().native() + "': " + error.message());
+            throw CacheIoError("Unable to remove stale Quor object '" + entries->path().native() +
+                               "': " + error.message());
         }
     }
     if (error) {
-        throw std::runtime_error("Unable to inspect Quor library cache '" + directory.native() +
-                                 "': " + error.message());
+        throw CacheIoError("Unable to inspect Quor library cache '" + directory.native() +
+                           "': " + error.message());
     }
 }
 
@@ -426,8 +429,8 @@ void Compiler::ensureObjectAbiCacheCurrent() {
     clearDirectory(lib, abiRecordFileName);
     clearDirectory(setAsideDirectory(), "");
     if (int failure = writeFileAtomically(record, current + "\n"); failure != 0) {
-        throw std::runtime_error("Unable to record Quor object ABI '" + record.native() +
-                                 "': " + systemMessage(failure));
+        throw CacheIoError("Unable to record Quor object ABI '" + record.native() +
+                           "': " + systemMessage(failure));
     }
 }
 
@@ -524,7 +527,7 @@ void Compiler::precompileSources(
             for (Event& event : handed) {
                 if (event.failed) {
                     batch.stop.store(true);
-                    throw std::runtime_error(event.failure);
+                    std::rethrow_exception(event.failure);
                 }
                 ++completed;
                 if (onProgress) {
@@ -539,7 +542,7 @@ void Compiler::precompileSources(
             }
         }
         if (completed < units.size()) {
-            throw std::runtime_error("Quor precompiler workers stopped before finishing");
+            throw ServiceInternalError("Quor precompiler workers stopped before finishing");
         }
     } catch (...) {
         recordSummary();

@@ -10,6 +10,7 @@
 
 #include "compiler/ObjectCache.h"
 #include "compiler/PathText.h"
+#include "compiler/ServiceError.h"
 
 #include "compiler/CacheLayout.h"
 #include "compiler/Compiler.h"
@@ -283,12 +284,13 @@ std::vector<PlannedObject> planObjects(const std::vector<std::string>& sources) 
         const fs::path relative = absolute.lexically_relative(root);
         if (relative.empty() || *relative.begin() == ".." || *relative.begin() == "." ||
             !absolute.has_filename()) {
-            throw std::runtime_error(source + ":1:1: the unit lies outside the standard library '" +
-                                     root.native() + "'");
+            throw ServiceInternalError(source +
+                                       ":1:1: the unit lies outside the standard library '" +
+                                       root.native() + "'");
         }
         if (relative.extension() != layout::sourceExtension) {
-            throw std::runtime_error(source +
-                                     ":1:1: not a Quor source unit (its name must end in .qr)");
+            throw ServiceInternalError(source +
+                                       ":1:1: not a Quor source unit (its name must end in .qr)");
         }
         fs::path object = lib / relative;
         object.replace_extension(".qo");
@@ -455,8 +457,8 @@ LibraryCacheReport inspectLibraryCache(const std::vector<std::string>& sources) 
         report.orphans.push_back(path);
     }
     if (error) {
-        throw std::runtime_error("Unable to inspect Quor library cache '" + lib.native() +
-                                 "': " + error.message());
+        throw CacheIoError("Unable to inspect Quor library cache '" + lib.native() +
+                           "': " + error.message());
     }
     std::sort(report.orphans.begin(), report.orphans.end());
     return report;
@@ -479,8 +481,8 @@ void withdrawReadinessMarker() {
         if (errno == ENOENT || errno == ENOTDIR || errno == EISDIR) {
             return;
         }
-        throw std::runtime_error("Unable to withdraw Quor readiness marker '" + marker.native() +
-                                 "': " + systemMessage(errno));
+        throw CacheIoError("Unable to withdraw Quor readiness marker '" + marker.native() +
+                           "': " + systemMessage(errno));
     }
     const fs::path state = marker.parent_path();
     const int fd = ::open(state.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -489,8 +491,8 @@ void withdrawReadinessMarker() {
         ::close(fd); // read-only directory descriptor: nothing to lose on close
     }
     if (error != 0) {
-        throw std::runtime_error("Unable to withdraw Quor readiness marker '" + marker.native() +
-                                 "': " + systemMessage(error));
+        throw CacheIoError("Unable to withdraw Quor readiness marker '" + marker.native() +
+                           "': " + systemMessage(error));
     }
 }
 
@@ -530,8 +532,8 @@ std::size_t sweepLibraryCache(const fs::path& lib, const std::vector<PlannedObje
                               const fs::path& setAside, std::string_view keepName) {
     const BatchLayout layout = layoutOf(lib, planned);
     const auto failure = [](const fs::path& path, const std::error_code& error) {
-        return std::runtime_error("Unable to remove stale Quor object '" + path.native() +
-                                  "': " + error.message());
+        return CacheIoError("Unable to remove stale Quor object '" + path.native() +
+                            "': " + error.message());
     };
     std::size_t removed = 0;
     std::error_code error;
@@ -592,8 +594,8 @@ std::size_t sweepLibraryCache(const fs::path& lib, const std::vector<PlannedObje
         ++removed;
     }
     if (error && error != std::errc::no_such_file_or_directory) {
-        throw std::runtime_error("Unable to inspect Quor library cache '" + lib.native() +
-                                 "': " + error.message());
+        throw CacheIoError("Unable to inspect Quor library cache '" + lib.native() +
+                           "': " + error.message());
     }
     return removed;
 }
@@ -602,7 +604,7 @@ ObjectUpdate updateObject(const PlannedObject& planned, const fs::path& setAside
     const std::shared_ptr<const std::string> text =
         SourceManager::instance().contents(planned.source);
     if (!text) {
-        throw std::runtime_error(planned.source + ":1:1: unable to read the unit");
+        throw CacheIoError(planned.source + ":1:1: unable to read the unit");
     }
     const std::string digest = Sha256::hex(*text);
     const std::string unitField = objectField(planned.unitPath);
@@ -632,8 +634,8 @@ ObjectUpdate updateObject(const PlannedObject& planned, const fs::path& setAside
     try {
         update.object = compileUnit(*text, planned.unitPath, abi, digest);
     } catch (const SourceError& failure) {
-        throw std::runtime_error(planned.source + ":" + std::to_string(failure.line()) + ":" +
-                                 std::to_string(failure.column()) + ": " + failure.what());
+        throw UnitSourceError(planned.source + ":" + std::to_string(failure.line()) + ":" +
+                              std::to_string(failure.column()) + ": " + failure.what());
     }
     update.outcome = ObjectOutcome::Compiled;
     update.bytes = update.object.size();
@@ -643,8 +645,8 @@ ObjectUpdate updateObject(const PlannedObject& planned, const fs::path& setAside
 void writeObject(const PlannedObject& planned, std::string_view object) {
     const int failure = writeFileAtomically(planned.object, object);
     if (failure != 0) {
-        throw std::runtime_error(planned.source + ":1:1: unable to write its object '" +
-                                 planned.object.native() + "': " + systemMessage(failure));
+        throw CacheIoError(planned.source + ":1:1: unable to write its object '" +
+                           planned.object.native() + "': " + systemMessage(failure));
     }
 }
 

@@ -11,6 +11,7 @@
 // of the major version the header belongs to.
 
 #include "compiler/Sha256.h"
+#include "compiler/ServiceError.h"
 
 #include <dlfcn.h>
 #include <openssl/evp.h>
@@ -83,7 +84,7 @@ Libcrypto loadLibcrypto() {
 const Libcrypto& libcrypto() {
     static const Libcrypto crypto = loadLibcrypto();
     if (!crypto.failure.empty()) {
-        throw std::runtime_error(crypto.failure);
+        throw ServiceInternalError(crypto.failure);
     }
     return crypto;
 }

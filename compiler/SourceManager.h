@@ -5,6 +5,8 @@
 #ifndef QUOR_COMPILER_SOURCEMANAGER_H
 #define QUOR_COMPILER_SOURCEMANAGER_H
 
+#include "compiler/ServiceError.h"
+
 #include <atomic>
 #include <condition_variable>
 #include <filesystem>
@@ -18,9 +20,9 @@
 namespace quor::compiler {
 
 // What contents() throws after SourceManager::stopReads().
-class ReadsStopped : public std::runtime_error {
+class ReadsStopped : public ServiceError {
 public:
-    ReadsStopped() : std::runtime_error("reading the standard library was stopped") {}
+    ReadsStopped() : ServiceError(Category::Stopped, "reading the standard library was stopped") {}
 };
 
 class SourceManager {

@@ -99,18 +99,5 @@ TEST(VersionSize, StatusAndPruneGiveOneSizeForAVersion) {
     EXPECT_GT(status["olderVersions"][0]["bytes"].get<std::uint64_t>(), 12000u);
 }
 
-TEST(FailureKind, IsToldByTheFixedBeginningOfTheMessage) {
-    using stdlibtool::failureKind;
-    EXPECT_EQ(failureKind("Unable to lock Quor standard-library cache '/c/x.lock'"), "lock");
-    EXPECT_EQ(failureKind("/lib/io/File.qr:4:12: unclosed '('"), "compile");
-    EXPECT_EQ(failureKind("/lib/io/File.qr:1:1: unable to write its object '/c/lib/io/File.qo': "
-                          "No space left on device"),
-              "io");
-    EXPECT_EQ(failureKind("Unable to create Quor cache root '/c': Permission denied"), "io");
-    EXPECT_EQ(failureKind("Refusing to use Quor cache root '/tmp/x': ..."), "io");
-    EXPECT_EQ(failureKind("Quor standard library '/absent' was not found"), "io");
-    EXPECT_EQ(failureKind("std::bad_alloc"), "internal");
-}
-
 } // namespace
 } // namespace quor::tooltest

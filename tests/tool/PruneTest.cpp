@@ -311,7 +311,7 @@ TEST(PruneCacheRoot, ARegularFileIsRefusedAsNotADirectory) {
     EXPECT_EQ(run.status, 1);
     const json error = json::parse(run.out);
     EXPECT_EQ(error["event"], "error");
-    EXPECT_EQ(error["kind"], "io");
+    EXPECT_EQ(error["kind"], "untrusted");
     EXPECT_EQ(error["message"], message);
     EXPECT_EQ(error["exitStatus"], 1);
     EXPECT_EQ(readFile(file), "not a cache");

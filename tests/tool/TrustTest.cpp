@@ -283,6 +283,12 @@ TEST_F(ToolTrust, PruneRefusesAVersionWhoseBuildIsRunningAndNamesTheHolder) {
             << run.err;
         EXPECT_TRUE(fs::exists(root / "0.1.5" / "lib" / "Prelude.qo"));
         EXPECT_TRUE(fs::exists(lock));
+        // A script tells a busy version from a broken one, and learns who holds it.
+        const ToolRun json = runTool(with(root, {"--json", "prune"}), home());
+        EXPECT_EQ(json.status, 1);
+        const auto error = nlohmann::json::parse(json.out);
+        EXPECT_EQ(error["kind"], "lock") << json.out;
+        EXPECT_EQ(error["holder"]["pid"], holder.pid()) << json.out;
     }
     const ToolRun after = runTool(with(root, {"prune"}), home());
     EXPECT_EQ(after.status, 0) << after.err;

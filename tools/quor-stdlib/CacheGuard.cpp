@@ -179,4 +179,11 @@ std::string busyVersionMessage(const BusyVersion& busy, std::string_view command
            " again when that build has finished";
 }
 
+ToolError busyVersionError(const BusyVersion& busy, std::string_view command) {
+    nlohmann::ordered_json extra = nlohmann::ordered_json::object();
+    if (busy.holder)
+        extra["holder"] = {{"pid", busy.holder->pid}, {"command", busy.holder->command}};
+    return ToolError(kind::lock, busyVersionMessage(busy, command), std::move(extra));
+}
+
 } // namespace quor::stdlibtool

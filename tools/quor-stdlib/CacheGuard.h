@@ -8,6 +8,7 @@
 #define QUOR_TOOLS_QUOR_STDLIB_CACHEGUARD_H
 
 #include "CacheProbe.h"
+#include "Failure.h"
 #include "LockHolder.h"
 
 #include "compiler/CacheTrust.h"
@@ -86,6 +87,10 @@ private:
 // "Refusing to prune ...: version V is being built by ...".
 // `command` is the subcommand that refuses: "prune" or "clean".
 std::string busyVersionMessage(const BusyVersion& busy, std::string_view command = "prune");
+
+// The failure a refusal for a running build ends with: kind "lock", with the
+// holder ({"pid", "command"}) when it is known.
+ToolError busyVersionError(const BusyVersion& busy, std::string_view command = "prune");
 
 } // namespace quor::stdlibtool
 

@@ -33,8 +33,8 @@ void removeAll(const fs::path& path) {
     std::error_code error;
     fs::remove_all(path, error);
     if (error)
-        throw std::runtime_error("Unable to remove Quor cache '" + path.string() +
-                                 "': " + error.message());
+        throw ToolError(kind::io,
+                        "Unable to remove Quor cache '" + path.string() + "': " + error.message());
 }
 
 } // namespace
@@ -48,7 +48,7 @@ int runClean(const Invocation& invocation, Console& console) {
         // directory that only the user can change.
         if (guardCache(paths, CacheUse::Inspect) == compiler::CacheAccess::ReadOnly &&
             !invocation.clean.dryRun)
-            throw std::runtime_error(readOnlyCacheCannotBeCleaned(paths));
+            throw ToolError(kind::untrusted, readOnlyCacheCannotBeCleaned(paths));
         // What is left after a clean, the lock file, is not a cache.
         bool found = present(paths.cacheBranch);
         std::error_code error;
@@ -73,7 +73,7 @@ int runClean(const Invocation& invocation, Console& console) {
         if (found && !invocation.clean.dryRun) {
             VersionLocks locks;
             if (const auto busy = locks.acquire(paths.cacheRoot, {paths.cacheBranch}))
-                throw std::runtime_error(busyVersionMessage(*busy, "clean"));
+                throw busyVersionError(*busy, "clean");
             removeAll(paths.cacheBranch);
             for (fs::directory_iterator entries(paths.versionState, error);
                  !error && entries != fs::directory_iterator(); entries.increment(error))
@@ -100,8 +100,7 @@ int runClean(const Invocation& invocation, Console& console) {
                 << std::endl;
         return console.finish(ExitSuccess, "the clean report was cut short");
     } catch (const std::exception& failure) {
-        reportFailure(console, invocation.global.json, failureKind(failure.what()), failure.what(),
-                      ExitFailure);
+        reportFailure(console, invocation.global.json, failure, ExitFailure);
         return ExitFailure;
     }
 }

@@ -374,9 +374,9 @@ int runEnsure(const Invocation& invocation, Console& console) {
         // cache is used as it stands, when it is ready.
         const bool readOnly = guardCache(paths, CacheUse::Build) == compiler::CacheAccess::ReadOnly;
         if (readOnly && invocation.ensure.force)
-            throw std::runtime_error(readOnlyCacheCannotBeRebuilt(paths));
+            throw ToolError(kind::untrusted, readOnlyCacheCannotBeRebuilt(paths));
         if (readOnly && StandardLibraryBootstrap::isRequired())
-            throw std::runtime_error(readOnlyCacheNotReady(paths));
+            throw ToolError(kind::untrusted, readOnlyCacheNotReady(paths));
         // Without a valid marker the bootstrap builds, and a build trusts no
         // object it has not checked. Withdrawing it without the build lock is
         // safe: at worst a build running now publishes its marker after this,
@@ -384,8 +384,7 @@ int runEnsure(const Invocation& invocation, Console& console) {
         if (invocation.ensure.force)
             compiler::withdrawReadinessMarker();
     } catch (const std::exception& failure) {
-        reportFailure(console, invocation.global.json, failureKind(failure.what()), failure.what(),
-                      ExitFailure);
+        reportFailure(console, invocation.global.json, failure, ExitFailure);
         return ExitFailure;
     }
 
@@ -511,14 +510,15 @@ int runEnsure(const Invocation& invocation, Console& console) {
             nlohmann::ordered_json extra = nlohmann::ordered_json::object();
             if (holder)
                 extra["holder"] = {{"pid", holder->pid}, {"command", holder->command}};
-            reportFailure(console, invocation.global.json, "timeout",
+            reportFailure(console, invocation.global.json, kind::timeout,
                           "gave up waiting for the build lock after " + formatDuration(seconds) +
                               (holder ? "; it is held by " + describe(*holder) : std::string()),
                           ExitTimedOut, extra);
             return ExitTimedOut;
         }
-        reportFailure(console, invocation.global.json, failureKind(message), message, ExitFailure);
-        if (message.starts_with("Unable to lock Quor standard-library cache '"))
+        const std::string_view kind = failureKind(exchange.failure);
+        reportFailure(console, invocation.global.json, kind, message, ExitFailure);
+        if (kind == kind::lock)
             if (const std::string cause = likelyLockFailureCause(paths.lockFile); !cause.empty())
                 console.note("likely cause: " + cause);
         return ExitFailure;

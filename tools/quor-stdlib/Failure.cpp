@@ -5,25 +5,66 @@
 #include "Console.h"
 #include "JsonText.h"
 
-#include <regex>
+#include "compiler/BootstrapExplanation.h"
+#include "compiler/ServiceError.h"
 
 namespace quor::stdlibtool {
 
-std::string_view failureKind(std::string_view message) {
-    if (message.starts_with("Unable to lock Quor standard-library cache '"))
-        return "lock";
-    // An object the precompiler could not write is trouble with the disk,
-    // though the message names the unit as a compile error does.
-    if (message.find(": unable to write its object '") != std::string_view::npos)
-        return "io";
-    // The precompiler names the unit and the place: "<path>:<line>:<column>: ".
-    static const std::regex place(R"(^.*:[0-9]+:[0-9]+: )");
-    if (std::regex_search(message.begin(), message.end(), place))
-        return "compile";
-    for (std::string_view prefix : {"Unable to ", "Refusing to ", "Quor "})
-        if (message.starts_with(prefix))
-            return "io";
-    return "internal";
+namespace {
+
+std::string_view kindOf(compiler::ServiceError::Category category) {
+    using Category = compiler::ServiceError::Category;
+    switch (category) {
+    case Category::FileSystem:
+        return kind::io;
+    case Category::Untrusted:
+        return kind::untrusted;
+    case Category::Source:
+        return kind::compile;
+    case Category::Stopped:
+        return kind::interrupted;
+    case Category::Internal:
+        break;
+    }
+    return kind::internal;
+}
+
+std::string_view kindOf(compiler::explain::FailureCause cause) {
+    using Cause = compiler::explain::FailureCause;
+    switch (cause) {
+    case Cause::Lock:
+        return kind::lock;
+    case Cause::UnsafePath:
+        return kind::untrusted;
+    case Cause::FileSystem:
+    case Cause::EmptyLibrary:
+        break;
+    }
+    return kind::io;
+}
+
+} // namespace
+
+std::string_view failureKind(const std::exception& failure) {
+    if (const auto* tool = dynamic_cast<const ToolError*>(&failure))
+        return tool->kind();
+    if (const auto* service = dynamic_cast<const compiler::ServiceError*>(&failure))
+        return kindOf(service->category());
+    if (const auto cause = compiler::explain::failureCauseOf(failure.what()))
+        return kindOf(*cause);
+    return kind::internal;
+}
+
+std::string_view failureKind(const std::exception_ptr& failure) {
+    if (!failure)
+        return kind::internal;
+    try {
+        std::rethrow_exception(failure);
+    } catch (const std::exception& caught) {
+        return failureKind(caught);
+    } catch (...) {
+        return kind::internal;
+    }
 }
 
 void reportFailure(Console& console, bool json, std::string_view kind, const std::string& message,
@@ -36,6 +77,12 @@ void reportFailure(Console& console, bool json, std::string_view kind, const std
     for (const auto& [key, value] : extra.items())
         event[key] = value;
     console.out() << jsonText(event) << std::endl;
+}
+
+void reportFailure(Console& console, bool json, const std::exception& failure, int status) {
+    const auto* tool = dynamic_cast<const ToolError*>(&failure);
+    reportFailure(console, json, failureKind(failure), failure.what(), status,
+                  tool != nullptr ? tool->extra() : nlohmann::ordered_json::object());
 }
 
 } // namespace quor::stdlibtool

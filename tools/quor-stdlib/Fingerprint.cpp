@@ -40,8 +40,8 @@ int runFingerprint(const Invocation& invocation, Console& console) {
         bool written = false;
         if (invocation.fingerprint.write && !current) {
             if (const int error = compiler::writeFileAtomically(file, fingerprint.value + "\n"))
-                throw std::runtime_error("Unable to write the fingerprint file '" + file.string() +
-                                         "': " + std::strerror(error));
+                throw ToolError(kind::io, "Unable to write the fingerprint file '" + file.string() +
+                                              "': " + std::strerror(error));
             written = true;
         }
 
@@ -73,8 +73,7 @@ int runFingerprint(const Invocation& invocation, Console& console) {
         return console.finish(ExitSuccess, written ? "the fingerprint file was written"
                                                    : "the fingerprint was computed");
     } catch (const std::exception& failure) {
-        reportFailure(console, invocation.global.json, failureKind(failure.what()), failure.what(),
-                      ExitFailure);
+        reportFailure(console, invocation.global.json, failure, ExitFailure);
         return ExitFailure;
     }
 }

@@ -2,6 +2,8 @@
 
 #include "LibraryFingerprint.h"
 
+#include "Failure.h"
+
 #include "compiler/Sha256.h"
 
 #include <cerrno>
@@ -17,9 +19,9 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::runtime_error unreadable(const fs::path& path, int error) {
-    return std::runtime_error("Unable to read '" + path.string() +
-                              "' for the fingerprint: " + std::strerror(error));
+ToolError unreadable(const fs::path& path, int error) {
+    return ToolError(kind::io, "Unable to read '" + path.string() +
+                                   "' for the fingerprint: " + std::strerror(error));
 }
 
 // The SHA-256 of the unit's bytes in hexadecimal. The file is opened without
@@ -60,16 +62,16 @@ LibraryFingerprint computeLibraryFingerprint(const fs::path& root) {
     std::vector<UnreachableEntry> unreachable;
     const std::vector<std::string> units = libraryUnitFiles(root, &unreachable);
     if (!unreachable.empty())
-        throw std::runtime_error("Unable to read '" + unreachable.front().path.string() +
-                                 "' for the fingerprint: " + unreachable.front().reason);
+        throw ToolError(kind::io, "Unable to read '" + unreachable.front().path.string() +
+                                      "' for the fingerprint: " + unreachable.front().reason);
     const fs::path base = root.lexically_normal();
     compiler::Sha256 manifest;
     for (const std::string& unit : units) {
         const std::string relative = fs::path(unit).lexically_relative(base).generic_string();
         if (relative.find_first_of("\n\\") != std::string::npos)
-            throw std::runtime_error("Unable to fingerprint '" + root.string() +
-                                     "': unsupported character in file name '" + relative +
-                                     "' (a line feed or a backslash)");
+            throw ToolError(kind::io, "Unable to fingerprint '" + root.string() +
+                                          "': unsupported character in file name '" + relative +
+                                          "' (a line feed or a backslash)");
         manifest.update(unitDigest(unit));
         manifest.update("  ");
         manifest.update(relative);

@@ -91,7 +91,7 @@ int runPrune(const Invocation& invocation, Console& console) {
         // else can change may be pruned.
         if (guardCache(paths, CacheUse::Prune) == compiler::CacheAccess::ReadOnly &&
             !invocation.prune.dryRun)
-            throw std::runtime_error(readOnlyCacheCannotBePruned(paths));
+            throw ToolError(kind::untrusted, readOnlyCacheCannotBePruned(paths));
         std::vector<Candidate> candidates;
         std::uint64_t listedBytes = 0;
         std::uint64_t listedFiles = 0;
@@ -126,7 +126,7 @@ int runPrune(const Invocation& invocation, Console& console) {
             for (const auto& candidate : candidates)
                 versions.push_back(candidate.path);
             if (const auto busy = locks.acquire(root, versions))
-                throw std::runtime_error(busyVersionMessage(*busy));
+                throw busyVersionError(*busy);
             // Drawn as ensure's line is: on a terminal, for people. A failure
             // below erases it before the error is printed.
             RemovalProgress progress(console, text && console.errIsTerminal(), listedFiles);
@@ -173,8 +173,7 @@ int runPrune(const Invocation& invocation, Console& console) {
                                   : "prune ran to its end and removed " +
                                         plural(removed, "older version", "older versions"));
     } catch (const std::exception& failure) {
-        reportFailure(console, invocation.global.json, failureKind(failure.what()), failure.what(),
-                      ExitFailure);
+        reportFailure(console, invocation.global.json, failure, ExitFailure);
         return ExitFailure;
     }
 }

@@ -463,8 +463,7 @@ int runStatus(const Invocation& invocation, Console& console) {
             invocation.status.check && !report.ready ? int(ExitFailure) : int(ExitSuccess);
         return console.finish(status, "the status report was cut short");
     } catch (const std::exception& failure) {
-        reportFailure(console, invocation.global.json, failureKind(failure.what()), failure.what(),
-                      ExitFailure);
+        reportFailure(console, invocation.global.json, failure, ExitFailure);
         return ExitFailure;
     }
 }

@@ -79,8 +79,8 @@ int runVerify(const Invocation& invocation, Console& console) {
                 .isReady();
         std::error_code error;
         if (!fs::is_directory(paths.library, error))
-            throw std::runtime_error("Quor standard library '" + paths.library.string() +
-                                     "' was not found");
+            throw ToolError(kind::io,
+                            "Quor standard library '" + paths.library.string() + "' was not found");
         const std::vector<std::string> units = compilableUnits(paths.library);
         const compiler::LibraryCacheReport report = compiler::inspectLibraryCache(units);
         const std::vector<Problem> problems = problemsOf(report, paths.libraryCache);
@@ -130,8 +130,7 @@ int runVerify(const Invocation& invocation, Console& console) {
         return console.finish(sound ? int(ExitSuccess) : int(ExitFailure),
                               "the verification report was cut short");
     } catch (const std::exception& failure) {
-        reportFailure(console, invocation.global.json, failureKind(failure.what()), failure.what(),
-                      ExitFailure);
+        reportFailure(console, invocation.global.json, failure, ExitFailure);
         return ExitFailure;
     }
 }
