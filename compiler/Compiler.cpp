@@ -66,10 +66,6 @@ double secondsSince(WorkClock::time_point start) {
     return std::chrono::duration<double>(WorkClock::now() - start).count();
 }
 
-// The time of the unit whose progress report is being made; read through
-// reportedUnitSeconds() from the progress function, on the calling thread.
-thread_local double reportedSeconds = 0;
-
 // Finished units are handed to the calling thread in batches: a worker queues
 // each one under the mutex, which costs nothing while nobody else holds it,
 // and wakes the calling thread only when a batch is full, a unit failed or the
@@ -222,7 +218,12 @@ public:
             try {
                 // Reserved above, so only the thread's own start can throw, and
                 // then the vector is left as it was.
-                threads_.emplace_back([&batch, chunk] { batch.work(chunk); });
+                // The caller's session goes with the work: a stop of its
+                // reads stops the workers' reads too.
+                threads_.emplace_back([&batch, chunk, session = BuildSession::current()] {
+                    const BuildSession::Scope scope(session);
+                    batch.work(chunk);
+                });
             } catch (...) {
                 --batch.running;
                 break;
@@ -385,10 +386,6 @@ void clearDirectory(const fs::path& directory, const std::string& keep) {
 
 } // namespace
 
-double reportedUnitSeconds() {
-    return reportedSeconds;
-}
-
 int Compiler::objectAbiVersion() {
     return objectAbi;
 }
@@ -479,9 +476,13 @@ void Compiler::precompileSources(
     // The batch is the whole library: whatever in the cache belongs to none of
     // its units goes first, so that the cache ends up as a clean build of this
     // batch would leave it.
+    // The caller's session, if it keeps one, learns what this run did.
+    BuildSession* const session = BuildSession::current();
     PrecompileSummary summary;
     summary.removed = sweepLibraryCache(lib, units, setAside, abiRecordFileName);
-    recordPrecompileSummary(summary);
+    if (session != nullptr) {
+        session->recordSummary(summary);
+    }
 
     std::set<fs::path> directories;
     for (const PlannedObject& unit : units) {
@@ -495,7 +496,9 @@ void Compiler::precompileSources(
     const auto recordSummary = [&] {
         summary.compiled = batch.compiled.load();
         summary.reused = batch.reused.load();
-        recordPrecompileSummary(summary);
+        if (session != nullptr) {
+            session->recordSummary(summary);
+        }
     };
     const std::size_t workers = std::min<std::size_t>(
         {Runtime::getInstance().getJobCount(), units.size(), maxWorkerThreads});
@@ -535,9 +538,13 @@ void Compiler::precompileSources(
                     progress.completed = completed;
                     progress.total = units.size();
                     progress.sourcePath = units[event.index].source;
-                    reportedSeconds = event.seconds;
+                    if (session != nullptr) {
+                        session->setReportedUnitSeconds(event.seconds);
+                    }
                     onProgress(progress);
-                    reportedSeconds = 0;
+                    if (session != nullptr) {
+                        session->setReportedUnitSeconds(0);
+                    }
                 }
             }
         }

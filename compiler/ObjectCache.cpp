@@ -250,9 +250,6 @@ BatchLayout layoutOf(const fs::path& lib, const std::vector<PlannedObject>& plan
 // a record this compiler wrote.
 constexpr std::size_t abiRecordReadLimit = 4096;
 
-std::mutex summaryMutex;
-PrecompileSummary summary;
-
 } // namespace
 
 std::vector<PlannedObject> planObjects(const std::vector<std::string>& sources) {
@@ -462,16 +459,6 @@ LibraryCacheReport inspectLibraryCache(const std::vector<std::string>& sources) 
     }
     std::sort(report.orphans.begin(), report.orphans.end());
     return report;
-}
-
-PrecompileSummary lastPrecompileSummary() {
-    std::lock_guard lock(summaryMutex);
-    return summary;
-}
-
-void recordPrecompileSummary(const PrecompileSummary& value) {
-    std::lock_guard lock(summaryMutex);
-    summary = value;
 }
 
 void withdrawReadinessMarker() {

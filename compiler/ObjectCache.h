@@ -14,6 +14,8 @@
 #ifndef QUOR_COMPILER_OBJECTCACHE_H
 #define QUOR_COMPILER_OBJECTCACHE_H
 
+#include "compiler/BuildSession.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -99,34 +101,6 @@ struct LibraryCacheReport {
 // cannot be listed.
 LibraryCacheReport inspectLibraryCache(const std::vector<std::string>& sources);
 
-// What the last precompileSources() of this process did, whether it returned
-// or threw: units compiled, units whose object was reused (kept or moved back
-// from the set-aside area), and entries removed from the library cache because
-// they belonged to no unit.
-struct PrecompileSummary {
-    std::size_t compiled = 0;
-    std::size_t reused = 0;
-    std::size_t removed = 0;
-};
-PrecompileSummary lastPrecompileSummary();
-
-// The time precompileSources() spent on the unit it is reporting, for a
-// progress function that wants each unit's own time: the reports come in
-// batches, so the time between them says little. Measured in the worker that
-// handled the unit: checking its object, and for a unit it compiled, compiling
-// and writing it (not the wait for another worker's writes). With several
-// workers these times overlap, so their sum exceeds the build's. Valid only
-// inside the progress function, on the thread that called precompileSources().
-double reportedUnitSeconds();
-
-// Withdraws the readiness marker that vouches for the configured library cache
-// (<cache root>/.first-launch/<version>/<library cache leaf>/.quor-stdlib-ready)
-// and makes the removal durable. Missing, or a directory in its place, is no
-// error. Throws std::runtime_error when the marker exists and cannot be removed.
-// Every build calls it before it changes the library cache; `quor-stdlib ensure
-// --force` calls it to make the bootstrap build.
-void withdrawReadinessMarker();
-
 // The file in the library cache that names the ABI its objects were written for.
 inline constexpr const char* abiRecordFileName = ".quor-object-abi";
 
@@ -187,9 +161,6 @@ void writeObject(const PlannedObject& planned, std::string_view object);
 // first, and removes whatever else is there. Best effort: what cannot be
 // removed costs space, never correctness.
 void trimSetAside(const std::filesystem::path& setAside, std::uint64_t budget);
-
-// Records what a precompileSources() run did, for lastPrecompileSummary().
-void recordPrecompileSummary(const PrecompileSummary& summary);
 
 } // namespace quor::compiler
 

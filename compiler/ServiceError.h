@@ -23,7 +23,7 @@ public:
         FileSystem, // a path could not be read, written, created, removed, synced or found
         Untrusted,  // a cache path someone else could change, or one that is not what it must be
         Source,     // a unit of the library is not valid Quor
-        Stopped,    // the caller stopped the build's reads (SourceManager::stopReads)
+        Stopped,    // the caller stopped the build's reads (BuildSession::stopReads)
         Internal,   // a broken promise between the bootstrap and the services
     };
 

@@ -3,6 +3,12 @@
 // uses the processor's SHA extensions where there are any: a check of a whole
 // library cache hashes every unit and every object, and the portable code ran
 // at a seventh of the speed on the machines we measured.
+//
+// Part of what the services offer their callers, not private to them: the
+// tool's library fingerprint hashes with it too. libcrypto is loaded on the
+// first digest, so a program whose compiler start never hashes (the ready
+// path) never pays for loading it; a caller that linked libcrypto directly
+// would pay on every start.
 
 #ifndef QUOR_COMPILER_SHA256_H
 #define QUOR_COMPILER_SHA256_H
@@ -20,7 +26,7 @@ public:
     using Digest = std::array<std::uint8_t, 32>;
 
     // Throws std::bad_alloc when libcrypto cannot set up a digest context, and
-    // std::runtime_error when libcrypto, loaded on the first digest, cannot be.
+    // ServiceInternalError when libcrypto, loaded on the first digest, cannot be.
     Sha256();
     ~Sha256();
     Sha256(Sha256&&) noexcept;

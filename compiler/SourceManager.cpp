@@ -5,6 +5,7 @@
 
 #include "compiler/SourceManager.h"
 
+#include "compiler/BuildSession.h"
 #include "compiler/CacheLayout.h"
 #include "compiler/PathText.h"
 
@@ -94,28 +95,14 @@ SourceManager& SourceManager::instance() {
 
 SourceManager::SourceManager() = default;
 
-namespace {
-
-std::atomic<bool> readsStopped{false};
-static_assert(std::atomic<bool>::is_always_lock_free, "set from a signal handler");
-
-} // namespace
-
-void SourceManager::stopReads() noexcept {
-    readsStopped.store(true, std::memory_order_relaxed);
-}
-
-void SourceManager::resumeReads() noexcept {
-    readsStopped.store(false, std::memory_order_relaxed);
-}
-
 std::size_t SourceManager::textCount() {
     std::lock_guard lock(mutex_);
     return texts_.size();
 }
 
 std::shared_ptr<const std::string> SourceManager::contents(const std::filesystem::path& file) {
-    if (readsStopped.load(std::memory_order_relaxed)) {
+    if (const BuildSession* session = BuildSession::current();
+        session != nullptr && session->readsStopped()) {
         throw ReadsStopped();
     }
     std::string key = cacheKey(file);

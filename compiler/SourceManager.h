@@ -19,7 +19,8 @@
 
 namespace quor::compiler {
 
-// What contents() throws after SourceManager::stopReads().
+// What contents() throws on a thread whose BuildSession has stopped its reads
+// (compiler/BuildSession.h).
 class ReadsStopped : public ServiceError {
 public:
     ReadsStopped() : ServiceError(Category::Stopped, "reading the standard library was stopped") {}
@@ -41,14 +42,6 @@ public:
     // How many texts are cached: what a build's walk of the library has read
     // so far, for a progress display. Safe from any thread.
     std::size_t textCount();
-
-    // Makes every later contents() call throw ReadsStopped instead of reading,
-    // until resumeReads(). The bootstrap's walk of the library asks for every
-    // unit's text and catches nothing, so this ends a walk of 45,000 units at
-    // the next file instead of at its end. Async-signal-safe: a Ctrl-C handler
-    // may call it.
-    static void stopReads() noexcept;
-    static void resumeReads() noexcept;
 
     // Starts reading, on a thread of its own, every regular ".qr" file below
     // `root` that is not reached through a symbolic link, in the order a walk of

@@ -21,8 +21,8 @@
 
 namespace {
 
+using quor::compiler::BuildSession;
 using quor::compiler::Compiler;
-using quor::compiler::lastPrecompileSummary;
 using quor::compiler::PrecompileSummary;
 using quor::compiler::Sha256;
 using quor::compiler::SourceManager;
@@ -86,6 +86,8 @@ protected:
         SourceManager::instance().clear();
         ScopedRuntime runtime({libraryRoot().native(), cache.native(), 2});
         Outcome outcome;
+        BuildSession session;
+        const BuildSession::Scope scope(&session);
         auto result =
             StandardLibraryBootstrap::ensure([&](const StandardLibraryBootstrapProgress& progress) {
                 if (progress.stage != StandardLibraryBootstrapStage::Compiling) {
@@ -98,7 +100,7 @@ protected:
                 }
             });
         outcome.bootstrapped = result.bootstrapped;
-        outcome.summary = lastPrecompileSummary();
+        outcome.summary = session.summary();
         return outcome;
     }
 
@@ -373,6 +375,8 @@ TEST_F(IncrementalBuildTest, ProgressIsReportedOnTheCallingThreadForReusedUnitsT
     ScopedRuntime runtime({libraryRoot().native(), cacheRoot().native(), 2});
     const std::thread::id caller = std::this_thread::get_id();
     std::vector<std::size_t> completed;
+    BuildSession session;
+    const BuildSession::Scope scope(&session);
     StandardLibraryBootstrap::ensure([&](const StandardLibraryBootstrapProgress& progress) {
         EXPECT_EQ(std::this_thread::get_id(), caller);
         if (progress.stage == StandardLibraryBootstrapStage::Compiling) {
@@ -380,7 +384,7 @@ TEST_F(IncrementalBuildTest, ProgressIsReportedOnTheCallingThreadForReusedUnitsT
             completed.push_back(progress.completed);
         }
     });
-    EXPECT_EQ(lastPrecompileSummary().reused, library.size());
+    EXPECT_EQ(session.summary().reused, library.size());
     ASSERT_EQ(completed.size(), library.size());
     for (std::size_t i = 0; i < completed.size(); ++i) {
         EXPECT_EQ(completed[i], i + 1);

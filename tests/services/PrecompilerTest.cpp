@@ -44,11 +44,11 @@ protected:
         ScopedRuntime runtime(
             {library().native(), (cache.empty() ? cacheRoot() : cache).native(), jobs});
         reports_.clear();
+        const quor::compiler::BuildSession::Scope scope(&session_);
         Compiler::precompileSources(
             sources, nullptr, [this](const Compiler::CompilationProgress& progress) {
                 reports_.push_back({progress.completed, progress.total, progress.sourcePath,
-                                    std::this_thread::get_id(),
-                                    quor::compiler::reportedUnitSeconds()});
+                                    std::this_thread::get_id(), session_.reportedUnitSeconds()});
             });
     }
 
@@ -68,11 +68,12 @@ protected:
         std::size_t total;
         std::string sourcePath;
         std::thread::id thread;
-        double seconds; // reportedUnitSeconds() during the report
+        double seconds; // the session's reportedUnitSeconds() during the report
     };
 
     TemporaryDirectory directory_;
     std::vector<Report> reports_;
+    quor::compiler::BuildSession session_;
 };
 
 TEST_F(PrecompilerTest, WritesTheDeclarationsOfEachUnitBesideItsPath) {
@@ -156,7 +157,7 @@ TEST_F(PrecompilerTest, ReportsEachUnitsOwnTimeDuringItsReport) {
             EXPECT_GT(report.seconds, 0.0) << run << " " << report.sourcePath;
             EXPECT_LT(report.seconds, 60.0) << run << " " << report.sourcePath;
         }
-        EXPECT_EQ(quor::compiler::reportedUnitSeconds(), 0.0) << run;
+        EXPECT_EQ(session_.reportedUnitSeconds(), 0.0) << run;
     }
 }
 
@@ -428,6 +429,69 @@ TEST_F(PrecompilerTest, AnUnreadableUnitFailsWithItsPath) {
     } catch (const std::runtime_error& error) {
         EXPECT_EQ(std::string(error.what()), missing + ":1:1: unable to read the unit");
     }
+}
+
+TEST_F(PrecompilerTest, EachSessionKeepsTheFiguresOfItsOwnBuild) {
+    std::vector<std::string> sources;
+    for (int i = 0; i < 3; ++i) {
+        sources.push_back(add("pkg/U" + std::to_string(i) + ".qr",
+                              "package pkg\nstruct U" + std::to_string(i) + " {}\n"));
+    }
+    compile(sources, 2);
+    EXPECT_EQ(session_.summary().compiled, 3u);
+    EXPECT_EQ(session_.summary().reused, 0u);
+
+    // A second build in the same process, under a session of its own: it
+    // reuses every object, and the first session's figures stay its own.
+    quor::compiler::BuildSession other;
+    {
+        ScopedRuntime runtime({library().native(), cacheRoot().native(), 2});
+        const quor::compiler::BuildSession::Scope scope(&other);
+        Compiler::precompileSources(sources, nullptr, {});
+    }
+    EXPECT_EQ(other.summary().reused, 3u);
+    EXPECT_EQ(other.summary().compiled, 0u);
+    EXPECT_EQ(session_.summary().compiled, 3u);
+    EXPECT_EQ(session_.summary().reused, 0u);
+}
+
+TEST_F(PrecompilerTest, StoppingOneSessionsReadsLeavesAnothersAlone) {
+    const std::string unit = add("pkg/Unit.qr", "package pkg\nstruct Unit {}\n");
+    quor::compiler::BuildSession stopped;
+    quor::compiler::BuildSession running;
+    stopped.stopReads();
+    SourceManager::instance().clear();
+    // A thread of each session, at once.
+    std::string seenByStopped;
+    std::string seenByRunning;
+    std::thread first([&] {
+        const quor::compiler::BuildSession::Scope scope(&stopped);
+        try {
+            SourceManager::instance().contents(unit);
+            seenByStopped = "read";
+        } catch (const quor::compiler::ReadsStopped&) {
+            seenByStopped = "stopped";
+        }
+    });
+    std::thread second([&] {
+        const quor::compiler::BuildSession::Scope scope(&running);
+        const auto text = SourceManager::instance().contents(unit);
+        seenByRunning = text ? "read" : "unreadable";
+    });
+    first.join();
+    second.join();
+    EXPECT_EQ(seenByStopped, "stopped");
+    EXPECT_EQ(seenByRunning, "read");
+
+    // The precompiler's workers read under the session of the caller: a
+    // stopped build ends with ReadsStopped, as it was thrown.
+    SourceManager::instance().clear();
+    ScopedRuntime runtime({library().native(), cacheRoot().native(), 2});
+    const quor::compiler::BuildSession::Scope scope(&stopped);
+    EXPECT_THROW(Compiler::precompileSources({unit}, nullptr, {}), quor::compiler::ReadsStopped);
+    stopped.resumeReads();
+    EXPECT_NO_THROW(Compiler::precompileSources({unit}, nullptr, {}));
+    EXPECT_EQ(stopped.summary().compiled, 1u);
 }
 
 TEST_F(PrecompilerTest, AnEmptyBatchLeavesNoObjectBehind) {

@@ -34,6 +34,7 @@
 #include "LockHolder.h"
 #include "Progress.h"
 
+#include "compiler/BuildSession.h"
 #include "compiler/ObjectCache.h"
 #include "compiler/SourceManager.h"
 #include "compiler/StandardLibraryBootstrap.h"
@@ -79,8 +80,12 @@ std::atomic<int> interruptSignal{0};
 // True while the bootstrap runs on this thread and has not taken the lock:
 // nobody else is there to end its wait, so the stop signal arms the timer.
 std::atomic<bool> waitingInline{false};
+// The session of the build this run makes, whose reads a stop signal ends.
+std::atomic<compiler::BuildSession*> activeSession{nullptr};
 static_assert(std::atomic<bool>::is_always_lock_free, "used from a signal handler");
 static_assert(std::atomic<int>::is_always_lock_free, "used from a signal handler");
+static_assert(std::atomic<compiler::BuildSession*>::is_always_lock_free,
+              "used from a signal handler");
 
 // SIGALRM after `first`, then every 100 ms until it is disarmed with zero.
 void setWakeTimer(std::chrono::microseconds first) {
@@ -99,7 +104,8 @@ extern "C" void onInterrupt(int signal) {
     interruptRequested.store(true);
     // The bootstrap's walk of the library sends no report until it is done;
     // its next read of a unit ends it instead.
-    compiler::SourceManager::stopReads();
+    if (compiler::BuildSession* session = activeSession.load())
+        session->stopReads();
     if (waitingInline.load())
         setWakeTimer(std::chrono::milliseconds(1));
     errno = savedErrno;
@@ -133,8 +139,8 @@ constexpr int wakeSignals[] = {SIGUSR1, SIGALRM};
 // Installs the handlers for the duration of one ensure run.
 class SignalHandlers {
 public:
-    SignalHandlers() {
-        compiler::SourceManager::resumeReads();
+    explicit SignalHandlers(compiler::BuildSession& session) {
+        activeSession.store(&session);
         interruptRequested.store(false);
         interruptSignal.store(0);
         waitingInline.store(false);
@@ -154,9 +160,9 @@ public:
     }
     ~SignalHandlers() {
         setWakeTimer(std::chrono::microseconds(0));
-        compiler::SourceManager::resumeReads();
         for (std::size_t i = 0; i < std::size(stopSignals); ++i)
             sigaction(stopSignals[i], &previousStop_[i], nullptr);
+        activeSession.store(nullptr);
         for (std::size_t i = 0; i < std::size(wakeSignals); ++i)
             sigaction(wakeSignals[i], &previousWake_[i], nullptr);
     }
@@ -179,9 +185,13 @@ struct Exchange {
     bool done = false;
     StandardLibraryBootstrapResult result;
     std::exception_ptr failure;
+    // The build's own figures and the stop of its reads; both threads that
+    // may run the bootstrap make it current first.
+    compiler::BuildSession session;
 };
 
 void runBootstrap(Exchange& exchange) {
+    const compiler::BuildSession::Scope scope(&exchange.session);
     try {
         const auto result = StandardLibraryBootstrap::ensure(
             [&exchange](const StandardLibraryBootstrapProgress& progress) {
@@ -189,7 +199,7 @@ void runBootstrap(Exchange& exchange) {
                 // then would only turn a success into an error.
                 if (interruptRequested && progress.stage != StandardLibraryBootstrapStage::Finished)
                     throw BuildInterrupted{};
-                const double unitSeconds = compiler::reportedUnitSeconds();
+                const double unitSeconds = exchange.session.reportedUnitSeconds();
                 std::lock_guard lock(exchange.mutex);
                 exchange.reports.emplace_back(progress, unitSeconds);
                 if (progress.stage == StandardLibraryBootstrapStage::Preparing)
@@ -230,6 +240,7 @@ std::optional<std::thread> startWorker(Exchange& exchange) {
 void buildOnThisThread(Exchange& exchange, ProgressView& view, const CachePaths& paths,
                        std::optional<Clock::time_point> deadline, std::optional<LockHolder>& holder,
                        std::optional<Clock::time_point>& buildStarted, bool& gaveUp) {
+    const compiler::BuildSession::Scope scope(&exchange.session);
     const pid_t self = getpid();
     bool required = true;
     try {
@@ -260,7 +271,7 @@ void buildOnThisThread(Exchange& exchange, ProgressView& view, const CachePaths&
                     exchange.lockTaken = true;
                     buildStarted = Clock::now();
                 }
-                view.report(progress, compiler::reportedUnitSeconds());
+                view.report(progress, exchange.session.reportedUnitSeconds());
             });
     } catch (...) {
         exchange.failure = std::current_exception();
@@ -295,10 +306,7 @@ int reportResult(const Invocation& invocation, Console& console,
                  const StandardLibraryBootstrapResult& result, double seconds,
                  const std::optional<LockHolder>& holder, Clock::time_point started,
                  std::optional<Clock::time_point> buildStarted,
-                 const std::atomic<bool>* interrupted) {
-    // Only a build of this process ran the precompiler here.
-    const compiler::PrecompileSummary summary =
-        result.bootstrapped ? compiler::lastPrecompileSummary() : compiler::PrecompileSummary{};
+                 const std::atomic<bool>* interrupted, const compiler::PrecompileSummary& summary) {
     if (invocation.global.json) {
         console.out() << jsonText(nlohmann::ordered_json{{"event", "result"},
                                                          {"bootstrapped", result.bootstrapped},
@@ -396,15 +404,15 @@ int runEnsure(const Invocation& invocation, Console& console) {
         if (readyAsItStands(paths))
             return reportResult(invocation, console, StandardLibraryBootstrapResult{},
                                 secondsBetween(started, Clock::now()), std::nullopt, started,
-                                std::nullopt, nullptr);
+                                std::nullopt, nullptr, compiler::PrecompileSummary{});
     }
 
     ProgressView view(console, styleFor(invocation, console));
     view.countUnitsReadWith([] { return compiler::SourceManager::instance().textCount(); });
     if (invocation.ensure.verbose)
         view.showUnitTimes(paths.library);
-    SignalHandlers handlers;
     Exchange exchange;
+    SignalHandlers handlers(exchange.session);
     const auto started = Clock::now();
     std::optional<Clock::time_point> deadline;
     if (invocation.ensure.timeoutSeconds)
@@ -525,8 +533,11 @@ int runEnsure(const Invocation& invocation, Console& console) {
     }
 
     view.reportSlowest();
+    // Only a build of this run ran the precompiler under its session.
     return reportResult(invocation, console, exchange.result, seconds, holder, started,
-                        buildStarted, &interruptRequested);
+                        buildStarted, &interruptRequested,
+                        exchange.result.bootstrapped ? exchange.session.summary()
+                                                     : compiler::PrecompileSummary{});
 }
 
 } // namespace quor::stdlibtool

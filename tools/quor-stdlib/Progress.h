@@ -16,7 +16,7 @@
 // With showUnitTimes() (`ensure --verbose`), Terminal and Plain also write a
 // line on standard error for every unit with its time, and reportSlowest()
 // lists the units that took longest. A unit's time is the precompiler's own
-// measure (compiler::reportedUnitSeconds()): the reports come in batches, so
+// measure (compiler::BuildSession::reportedUnitSeconds()): the reports come in batches, so
 // the time between them would mostly be nothing, and the first would carry
 // the scan of the library.
 //
