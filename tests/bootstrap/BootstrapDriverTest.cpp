@@ -4,7 +4,7 @@
 
 #include "tests/bootstrap/BootstrapFixture.h"
 
-#include "ChildChecks.h"
+#include "tests/support/ChildChecks.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -76,9 +76,9 @@ TEST_F(BootstrapDriver, ReadyCacheReturnsAtOnceWithoutLockOrReports) {
 TEST_F(BootstrapDriver, ReadyPathCreatesNoDirectoryAndNoLockFile) {
     writeUnit("core.qr", "type Core\n");
     expectedState().markReady();
-    const auto before = treeSnapshot(root);
+    const auto before = pathsBelow(root);
     StandardLibraryBootstrap::ensure({});
-    EXPECT_EQ(treeSnapshot(root), before);
+    EXPECT_EQ(pathsBelow(root), before);
 }
 
 TEST_F(BootstrapDriver, SecondEnsureAfterBuildDoesNothing) {
@@ -121,9 +121,9 @@ TEST_F(BootstrapDriver, ReadyCacheIsNotRequired) {
 
 TEST_F(BootstrapDriver, IsRequiredCreatesNothing) {
     writeUnit("core.qr", "type Core\n");
-    const auto before = treeSnapshot(root);
+    const auto before = pathsBelow(root);
     EXPECT_TRUE(StandardLibraryBootstrap::isRequired());
-    EXPECT_EQ(treeSnapshot(root), before);
+    EXPECT_EQ(pathsBelow(root), before);
     EXPECT_EQ(precompileCallCount(), 0u);
 }
 

@@ -8,9 +8,9 @@
 
 #include "compiler/StandardLibraryBootstrap.h"
 #include "compiler/StandardLibraryCacheState.h"
+#include "quor/Config.h"
 #include "tests/bootstrap/FakeServices.h"
 #include "tests/bootstrap/TestSupport.h"
-#include "quor/Config.h"
 
 #include <gtest/gtest.h>
 
@@ -75,7 +75,7 @@ protected:
         return marker.substr(start, marker.find('\n', start) - start);
     }
 
-    TempDir temp;
+    TemporaryDirectory temp;
     std::optional<BuildTreeFingerprint> buildTree;
     fs::path root;
     fs::path stdlib;

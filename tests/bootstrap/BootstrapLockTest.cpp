@@ -4,7 +4,7 @@
 
 #include "tests/bootstrap/BootstrapFixture.h"
 
-#include "ChildChecks.h"
+#include "tests/support/ChildChecks.h"
 
 #include <fcntl.h>
 #include <pthread.h>
@@ -65,7 +65,7 @@ TEST_F(BootstrapLock, CacheBecomingReadyWhileWaitingReturnsWithoutReport) {
     ASSERT_FALSE(expectedState().isReady());
     ProgressRecorder recorder;
     const auto result = StandardLibraryBootstrap::ensure(recorder.callback());
-    EXPECT_EQ(waitChild(child), 0);
+    EXPECT_EQ(waitForChild(child), 0);
     expectNothingDone(result);
     EXPECT_TRUE(recorder.reports.empty());
     EXPECT_EQ(precompileCallCount(), 0u);
@@ -90,7 +90,7 @@ TEST_F(BootstrapLock, OtherProcessFailingItsBuildLetsThisOneBuild) {
     });
     ASSERT_TRUE(locked.receive());
     const auto result = StandardLibraryBootstrap::ensure({});
-    EXPECT_EQ(waitChild(child), 0);
+    EXPECT_EQ(waitForChild(child), 0);
     EXPECT_TRUE(result.bootstrapped);
     EXPECT_TRUE(expectedState().isReady());
 }
@@ -138,7 +138,7 @@ TEST_F(BootstrapLock, KilledHolderDoesNotLeaveLockHeld) {
     ASSERT_TRUE(building.receive());
     EXPECT_TRUE(lockHeldElsewhere(lockFile()));
     kill(child, SIGKILL);
-    EXPECT_EQ(waitChild(child), 128 + SIGKILL);
+    EXPECT_EQ(waitForChild(child), 128 + SIGKILL);
     EXPECT_FALSE(lockHeldElsewhere(lockFile()));
     EXPECT_TRUE(StandardLibraryBootstrap::isRequired());
     const auto result = StandardLibraryBootstrap::ensure({});
@@ -249,7 +249,7 @@ TEST_F(BootstrapLock, InterruptedLockWaitFailsAndClosesDescriptor) {
     interrupter.join();
     sigaction(SIGUSR1, &previous, nullptr);
     release.send();
-    EXPECT_EQ(waitChild(child), 0);
+    EXPECT_EQ(waitForChild(child), 0);
 
     EXPECT_TRUE(signalled);
     EXPECT_EQ(message, "Unable to lock Quor standard-library cache '" + s(lockFile()) + "'");

@@ -33,7 +33,7 @@ protected:
 
     fs::path dir() const { return temp.path() / "cache"; }
 
-    TempDir temp;
+    TemporaryDirectory temp;
 };
 
 const std::string kValid = "QUOR_STANDARD_LIBRARY_CACHE\nformat=1\nversion=0.1.6\nabi=3\n"
@@ -51,7 +51,7 @@ TEST_F(CacheMarker, WrittenMarkerValidatesForSameIdentity) {
 
 TEST_F(CacheMarker, VersionWithSurroundingWhitespaceNeverValidates) {
     for (const std::string version : {" 0.1.6", "0.1.6 ", "\t0.1.6", "0.1.6\r", "\n0.1.6"}) {
-        TempDir scratch;
+        TemporaryDirectory scratch;
         const StandardLibraryCacheState state(scratch.path() / "c", version, 3, "abc");
         state.markReady();
         EXPECT_FALSE(state.isReady()) << "version [" << version << "]";
@@ -60,7 +60,7 @@ TEST_F(CacheMarker, VersionWithSurroundingWhitespaceNeverValidates) {
 
 TEST_F(CacheMarker, FingerprintWithSurroundingWhitespaceNeverValidates) {
     for (const std::string fingerprint : {" abc", "abc ", "abc\t", "\rabc", "abc\r"}) {
-        TempDir scratch;
+        TemporaryDirectory scratch;
         const StandardLibraryCacheState state(scratch.path() / "c", "0.1.6", 3, fingerprint);
         state.markReady();
         EXPECT_FALSE(state.isReady()) << "fingerprint [" << fingerprint << "]";

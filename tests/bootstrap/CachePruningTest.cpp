@@ -3,11 +3,11 @@
 // before each removal, the removal of first-launch states, and the failures.
 
 #include "compiler/StandardLibraryBootstrap.h"
+#include "quor/Config.h"
 #include "tests/bootstrap/FakeServices.h"
 #include "tests/bootstrap/TestSupport.h"
-#include "quor/Config.h"
 
-#include "ChildChecks.h"
+#include "tests/support/ChildChecks.h"
 
 #include <gtest/gtest.h>
 
@@ -67,7 +67,7 @@ protected:
 
     static std::string s(const fs::path& path) { return path.native(); }
 
-    TempDir temp;
+    TemporaryDirectory temp;
     fs::path cache;
 };
 
@@ -200,7 +200,7 @@ TEST_F(CachePruning, FirstLaunchDirectorySurvivesPruning) {
 TEST_F(CachePruning, RemovesEveryOlderVersion) {
     dirs({"0.0.1", "0.1.0", "0.1.5", "0.1.6", "1.0.0", "scratch"});
     EXPECT_EQ(StandardLibraryBootstrap::removeOlderCacheVersions(cache, "0.1.6"), 3u);
-    EXPECT_EQ(treeSnapshot(cache), (std::set<std::string>{"0.1.6", "1.0.0", "scratch"}));
+    EXPECT_EQ(pathsBelow(cache), (std::set<std::string>{"0.1.6", "1.0.0", "scratch"}));
 }
 
 TEST_F(CachePruning, LinkedVersionIsNeitherListedNorRemoved) {
@@ -293,10 +293,7 @@ TEST_F(CachePruning, FailedRemovalOfFirstLaunchStateComesAfterCacheIsGone) {
     fs::permissions(temp.path(), fs::perms(0755));
     fs::permissions(cache, fs::perms(0777));
     writeFile(cache / "0.1.5" / "lib" / "core.o", "x");
-    for (const auto& entry : fs::recursive_directory_iterator(cache / "0.1.5")) {
-        lchown(entry.path().c_str(), 65534, 65534);
-    }
-    lchown((cache / "0.1.5").c_str(), 65534, 65534);
+    testsupport::giveToNobody(cache / "0.1.5");
     writeFile(cache / ".first-launch" / "0.1.5" / "lib" / ".quor-stdlib-ready", "marker");
     fs::permissions(cache / ".first-launch" / "0.1.5", fs::perms(0777));
     fs::permissions(cache / ".first-launch" / "0.1.5" / "lib", fs::perms(0755));
@@ -401,7 +398,7 @@ TEST_F(CachePruning, ArgumentlessFormsUseRuntimeCacheRootAndCompilerVersion) {
     const auto log = serviceLog();
     EXPECT_NE(std::find(log.begin(), log.end(), "Runtime::getCacheBranchPath"), log.end());
     EXPECT_EQ(StandardLibraryBootstrap::removeOlderCacheVersions(), 1u);
-    EXPECT_EQ(treeSnapshot(cache), (std::set<std::string>{version, "999.0.0"}));
+    EXPECT_EQ(pathsBelow(cache), (std::set<std::string>{version, "999.0.0"}));
 }
 
 TEST_F(CachePruning, ArgumentlessFormsAgreeWithExplicitOnes) {

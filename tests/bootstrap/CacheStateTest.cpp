@@ -4,7 +4,7 @@
 #include "compiler/StandardLibraryCacheState.h"
 #include "tests/bootstrap/TestSupport.h"
 
-#include "ChildChecks.h"
+#include "tests/support/ChildChecks.h"
 
 #include <gtest/gtest.h>
 
@@ -63,7 +63,7 @@ std::string markReadyErrorWithTinyFiles(const fs::path& dir) {
 }
 
 TEST(CacheState, MarkReadyWritesExactlyTheSeventyThreeBytes) {
-    TempDir temp;
+    TemporaryDirectory temp;
     const StandardLibraryCacheState state(temp.path(), "0.1.6", 3, "abc");
     state.markReady();
     const std::string expected = "QUOR_STANDARD_LIBRARY_CACHE\nformat=1\nversion=0.1.6\nabi=3\n"
@@ -73,7 +73,7 @@ TEST(CacheState, MarkReadyWritesExactlyTheSeventyThreeBytes) {
 }
 
 TEST(CacheState, MarkReadyLeavesNoTemporaryFile) {
-    TempDir temp;
+    TemporaryDirectory temp;
     StandardLibraryCacheState(temp.path(), "0.1.6", 3, "abc").markReady();
     EXPECT_TRUE(filesStartingWith(temp.path(), ".quor-stdlib-ready.tmp.").empty());
     EXPECT_EQ(filesStartingWith(temp.path(), ".quor-stdlib-ready"),
@@ -81,7 +81,7 @@ TEST(CacheState, MarkReadyLeavesNoTemporaryFile) {
 }
 
 TEST(CacheState, MarkReadyCreatesMissingAncestors) {
-    TempDir temp;
+    TemporaryDirectory temp;
     const fs::path dir = temp.path() / "a" / "b" / "c";
     const StandardLibraryCacheState state(dir, "0.1.6", 3, "abc");
     state.markReady();
@@ -90,20 +90,20 @@ TEST(CacheState, MarkReadyCreatesMissingAncestors) {
 }
 
 TEST(CacheState, IsReadyWithoutMarkerIsFalseAndCreatesNothing) {
-    TempDir temp;
+    TemporaryDirectory temp;
     EXPECT_FALSE(StandardLibraryCacheState(temp.path(), "0.1.6", 3, "abc").isReady());
     EXPECT_FALSE(StandardLibraryCacheState(temp.path() / "x" / "y", "0.1.6", 3, "abc").isReady());
-    EXPECT_TRUE(treeSnapshot(temp.path()).empty());
+    EXPECT_TRUE(pathsBelow(temp.path()).empty());
 }
 
 TEST(CacheState, ConstructorTouchesNoFile) {
-    TempDir temp;
+    TemporaryDirectory temp;
     const StandardLibraryCacheState state(temp.path() / "x", "0.1.6", 3, "abc");
-    EXPECT_TRUE(treeSnapshot(temp.path()).empty());
+    EXPECT_TRUE(pathsBelow(temp.path()).empty());
 }
 
 TEST(CacheState, IsReadyIsFalseWhenAnyIdentityByteDiffers) {
-    TempDir temp;
+    TemporaryDirectory temp;
     StandardLibraryCacheState(temp.path(), "0.1.6", 3, "abc").markReady();
     EXPECT_TRUE(StandardLibraryCacheState(temp.path(), "0.1.6", 3, "abc").isReady());
     EXPECT_FALSE(StandardLibraryCacheState(temp.path(), "0.1.7", 3, "abc").isReady());
@@ -117,18 +117,18 @@ TEST(CacheState, IsReadyIsFalseWhenAnyIdentityByteDiffers) {
 }
 
 TEST(CacheState, SecondMarkReadyKeepsExactlyOneMarkerWithSameContent) {
-    TempDir temp;
+    TemporaryDirectory temp;
     const StandardLibraryCacheState state(temp.path(), "0.1.6", 3, "abc");
     state.markReady();
     const std::string first = readFile(temp.path() / ".quor-stdlib-ready");
     state.markReady();
     EXPECT_EQ(readFile(temp.path() / ".quor-stdlib-ready"), first);
-    EXPECT_EQ(treeSnapshot(temp.path()), std::set<std::string>{".quor-stdlib-ready"});
+    EXPECT_EQ(pathsBelow(temp.path()), std::set<std::string>{".quor-stdlib-ready"});
     EXPECT_TRUE(state.isReady());
 }
 
 TEST(CacheState, MarkReadyReplacesMarkerOfAnotherIdentity) {
-    TempDir temp;
+    TemporaryDirectory temp;
     StandardLibraryCacheState(temp.path(), "0.1.5", 2, "old").markReady();
     const StandardLibraryCacheState state(temp.path(), "0.1.6", 3, "abc");
     EXPECT_FALSE(state.isReady());
@@ -138,7 +138,7 @@ TEST(CacheState, MarkReadyReplacesMarkerOfAnotherIdentity) {
 }
 
 TEST(CacheState, MarkReadyReplacesGarbageMarker) {
-    TempDir temp;
+    TemporaryDirectory temp;
     writeFile(temp.path() / ".quor-stdlib-ready", "garbage");
     const StandardLibraryCacheState state(temp.path(), "0.1.6", 3, "abc");
     state.markReady();
@@ -146,7 +146,7 @@ TEST(CacheState, MarkReadyReplacesGarbageMarker) {
 }
 
 TEST(CacheState, MarkReadyFailsWhenRegularFileStandsInPlaceOfDirectory) {
-    TempDir temp;
+    TemporaryDirectory temp;
     const fs::path dir = temp.path() / "cache";
     writeFile(dir, "not a directory");
     std::error_code expectedError;
@@ -160,7 +160,7 @@ TEST(CacheState, MarkReadyFailsWhenRegularFileStandsInPlaceOfDirectory) {
 }
 
 TEST(CacheState, MarkReadyFailsWhenAncestorIsRegularFile) {
-    TempDir temp;
+    TemporaryDirectory temp;
     writeFile(temp.path() / "file", "x");
     const fs::path dir = temp.path() / "file" / "cache";
     std::error_code expectedError;
@@ -173,7 +173,7 @@ TEST(CacheState, MarkReadyFailsWhenAncestorIsRegularFile) {
 }
 
 TEST(CacheState, MarkReadyFailsToPublishOntoNonEmptyDirectory) {
-    TempDir temp;
+    TemporaryDirectory temp;
     writeFile(temp.path() / ".quor-stdlib-ready" / "occupant", "x");
     // The rename error the marker's publication meets, made the same way.
     writeFile(temp.path() / "probe-dir" / "occupant", "x");
@@ -193,7 +193,7 @@ TEST(CacheState, MarkReadyFailsToPublishOntoNonEmptyDirectory) {
 }
 
 TEST(CacheState, NegativeAbiIsWrittenWithMinusSignAndValidates) {
-    TempDir temp;
+    TemporaryDirectory temp;
     const StandardLibraryCacheState state(temp.path(), "0.1.6", -1, "abc");
     state.markReady();
     EXPECT_EQ(readFile(temp.path() / ".quor-stdlib-ready"),
@@ -203,7 +203,7 @@ TEST(CacheState, NegativeAbiIsWrittenWithMinusSignAndValidates) {
 }
 
 TEST(CacheState, EmptyVersionAndFingerprintAreWrittenAsEmptyValues) {
-    TempDir temp;
+    TemporaryDirectory temp;
     const StandardLibraryCacheState state(temp.path(), "", 0, "");
     state.markReady();
     EXPECT_EQ(readFile(temp.path() / ".quor-stdlib-ready"),
@@ -212,20 +212,20 @@ TEST(CacheState, EmptyVersionAndFingerprintAreWrittenAsEmptyValues) {
 }
 
 TEST(CacheState, IsReadyOnDirectoryInPlaceOfMarkerIsFalse) {
-    TempDir temp;
+    TemporaryDirectory temp;
     fs::create_directories(temp.path() / ".quor-stdlib-ready");
     EXPECT_FALSE(StandardLibraryCacheState(temp.path(), "0.1.6", 3, "abc").isReady());
 }
 
 TEST(CacheState, IsReadyIgnoresStrayTemporaryFiles) {
-    TempDir temp;
+    TemporaryDirectory temp;
     writeFile(temp.path() / ".quor-stdlib-ready.tmp.1.2",
               "QUOR_STANDARD_LIBRARY_CACHE\nformat=1\nversion=0.1.6\nabi=3\nfingerprint=abc\n");
     EXPECT_FALSE(StandardLibraryCacheState(temp.path(), "0.1.6", 3, "abc").isReady());
 }
 
 TEST(CacheState, UnreadableMarkerIsNotReady) {
-    TempDir temp;
+    TemporaryDirectory temp;
     fs::permissions(temp.path(), fs::perms(0755));
     const StandardLibraryCacheState state(temp.path(), "0.1.6", 3, "abc");
     state.markReady();
@@ -236,7 +236,7 @@ TEST(CacheState, UnreadableMarkerIsNotReady) {
 }
 
 TEST(CacheState, MarkReadyFailsWhenTemporaryFileCannotBeCreated) {
-    TempDir temp;
+    TemporaryDirectory temp;
     fs::permissions(temp.path(), fs::perms(0755));
     const fs::path dir = temp.path() / "cache";
     fs::create_directories(dir);
@@ -247,11 +247,11 @@ TEST(CacheState, MarkReadyFailsWhenTemporaryFileCannotBeCreated) {
                 ::testing::ExitedWithCode(0),
                 ::testing::MatchesRegex("error: " + testsupport::literalPattern(prefix) +
                                         "[0-9]+\\.-?[0-9]+'\n"));
-    EXPECT_TRUE(treeSnapshot(dir).empty());
+    EXPECT_TRUE(pathsBelow(dir).empty());
 }
 
 TEST(CacheState, MarkReadyFailsWhenMarkerCannotBeFlushedAndRemovesTemporary) {
-    TempDir temp;
+    TemporaryDirectory temp;
     const fs::path dir = temp.path();
     const std::string marker = (dir / ".quor-stdlib-ready").native();
     // The forked child runs on a copy of this thread, with its id.
@@ -262,11 +262,11 @@ TEST(CacheState, MarkReadyFailsWhenMarkerCannotBeFlushedAndRemovesTemporary) {
         testsupport::reportAndExit([&] { return markReadyErrorWithTinyFiles(dir); }),
         ::testing::ExitedWithCode(0),
         ::testing::MatchesRegex("error: " + testsupport::literalPattern(prefix) + "-?[0-9]+'\n"));
-    EXPECT_TRUE(treeSnapshot(dir).empty());
+    EXPECT_TRUE(pathsBelow(dir).empty());
 }
 
 TEST(CacheState, MarkReadyFailureLeavesPreviousMarkerUntouched) {
-    TempDir temp;
+    TemporaryDirectory temp;
     const fs::path dir = temp.path();
     StandardLibraryCacheState(dir, "0.1.5", 2, "old").markReady();
     const std::string before = readFile(dir / ".quor-stdlib-ready");
@@ -277,7 +277,7 @@ TEST(CacheState, MarkReadyFailureLeavesPreviousMarkerUntouched) {
                     testsupport::literalPattern("Unable to flush standard-library cache marker '") +
                     ".*"));
     EXPECT_EQ(readFile(dir / ".quor-stdlib-ready"), before);
-    EXPECT_EQ(treeSnapshot(dir), std::set<std::string>{".quor-stdlib-ready"});
+    EXPECT_EQ(pathsBelow(dir), std::set<std::string>{".quor-stdlib-ready"});
 }
 
 } // namespace

@@ -168,7 +168,7 @@ TEST_F(FirstLaunchState, LibCacheLeafIsOnlyTheLastComponent) {
 TEST_F(FirstLaunchState, EmptyLibCachePathPutsMarkerInVersionDirectory) {
     setLibCachePath("");
     StandardLibraryBootstrap::ensure({});
-    EXPECT_EQ(treeSnapshot(cacheRoot),
+    EXPECT_EQ(pathsBelow(cacheRoot),
               (std::set<std::string>{".first-launch", ".first-launch/" + kVersion,
                                      ".first-launch/" + kVersion + "/.quor-stdlib-ready",
                                      ".first-launch/.stdlib-bootstrap-" + kVersion + ".lock"}));
@@ -180,7 +180,7 @@ TEST_F(FirstLaunchState, EmptyLibCachePathPutsMarkerInVersionDirectory) {
 TEST_F(FirstLaunchState, LibCachePathEndingInSeparatorPutsMarkerInVersionDirectory) {
     setLibCachePath(lib.native() + "/");
     StandardLibraryBootstrap::ensure({});
-    EXPECT_EQ(treeSnapshot(cacheRoot),
+    EXPECT_EQ(pathsBelow(cacheRoot),
               (std::set<std::string>{".first-launch", ".first-launch/" + kVersion,
                                      ".first-launch/" + kVersion + "/.quor-stdlib-ready",
                                      ".first-launch/.stdlib-bootstrap-" + kVersion + ".lock"}));
@@ -202,7 +202,7 @@ TEST_F(FirstLaunchState, SingleRelativeBranchComponentGivesRelativeStateDirector
     }
     fs::current_path(previous);
     EXPECT_EQ(failure, "");
-    EXPECT_EQ(treeSnapshot(work),
+    EXPECT_EQ(pathsBelow(work),
               (std::set<std::string>{".first-launch", ".first-launch/" + kVersion,
                                      ".first-launch/" + kVersion + "/lib",
                                      ".first-launch/" + kVersion + "/lib/.quor-stdlib-ready",

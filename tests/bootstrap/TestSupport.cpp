@@ -1,26 +1,18 @@
-// Helpers shared by the bootstrap tests; see TestSupport.h.
+// Helpers of the bootstrap tests alone; see TestSupport.h.
 
 #include "tests/bootstrap/TestSupport.h"
 
-#include "tests/bootstrap/FakeServices.h"
 #include "quor/Config.h"
+#include "tests/bootstrap/FakeServices.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
-#include <cstdio>
-#include <cstdlib>
 #include <fstream>
-#include <iterator>
-#include <sstream>
 #include <stdexcept>
 #include <system_error>
-#include <thread>
 
 #ifndef QUOR_TEST_BUILD_TREE_DIR
 #error "QUOR_TEST_BUILD_TREE_DIR must name the build tree the bootstrap was compiled for"
@@ -33,176 +25,6 @@
 #endif
 
 namespace quor::testing {
-
-TempDir::TempDir() {
-    std::string pattern = (fs::temp_directory_path() / "quor-bootstrap-test-XXXXXX").native();
-    if (mkdtemp(pattern.data()) == nullptr) {
-        throw std::system_error(errno, std::generic_category(), "mkdtemp");
-    }
-    path_ = pattern;
-}
-
-TempDir::~TempDir() {
-    std::error_code error;
-    fs::remove_all(path_, error); // a leftover scratch directory must not fail a test
-}
-
-void writeFile(const fs::path& file, const std::string& bytes) {
-    if (file.has_parent_path()) {
-        fs::create_directories(file.parent_path());
-    }
-    std::ofstream out(file, std::ios::binary | std::ios::trunc);
-    out << bytes;
-    out.close();
-    if (!out) {
-        throw std::runtime_error("cannot write test file " + file.native());
-    }
-}
-
-std::string readFile(const fs::path& file) {
-    std::ifstream in(file, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-std::set<std::string> treeSnapshot(const fs::path& root) {
-    std::set<std::string> entries;
-    std::error_code error;
-    for (fs::recursive_directory_iterator it(root, error), end; !error && it != end;
-         it.increment(error)) {
-        entries.insert(it->path().lexically_relative(root).native());
-    }
-    return entries;
-}
-
-pid_t startChild(const std::function<int()>& body) {
-    std::fflush(stdout);
-    std::fflush(stderr);
-    const pid_t child = fork();
-    if (child < 0) {
-        throw std::system_error(errno, std::generic_category(), "fork");
-    }
-    if (child == 0) {
-        int status = 99;
-        try {
-            status = body();
-        } catch (const std::exception& error) {
-            std::fprintf(stderr, "child failed: %s\n", error.what());
-        } catch (...) {
-            std::fprintf(stderr, "child failed with an unknown exception\n");
-        }
-        std::fflush(stderr);
-        _exit(status);
-    }
-    return child;
-}
-
-int waitChild(pid_t child) {
-    int status = 0;
-    while (waitpid(child, &status, 0) < 0) {
-        if (errno != EINTR) {
-            return -1;
-        }
-    }
-    if (WIFEXITED(status)) {
-        return WEXITSTATUS(status);
-    }
-    if (WIFSIGNALED(status)) {
-        return 128 + WTERMSIG(status);
-    }
-    return -1;
-}
-
-int runInChild(const std::function<int()>& body) {
-    return waitChild(startChild(body));
-}
-
-bool lockHeldElsewhere(const fs::path& file) {
-    const int status = runInChild([&] {
-        const int fd = open(file.c_str(), O_RDWR);
-        if (fd < 0) {
-            return 2;
-        }
-        if (flock(fd, LOCK_EX | LOCK_NB) == 0) {
-            return 0;
-        }
-        return errno == EWOULDBLOCK ? 1 : 3;
-    });
-    return status == 1;
-}
-
-bool waitForBlockedFlock(const fs::path& file) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (std::chrono::steady_clock::now() < deadline) {
-        struct stat info {};
-        if (stat(file.c_str(), &info) == 0) {
-            const std::string inodeSuffix = ":" + std::to_string(info.st_ino);
-            std::ifstream locks("/proc/locks");
-            std::string line;
-            while (std::getline(locks, line)) {
-                if (line.find("->") == std::string::npos ||
-                    line.find("FLOCK") == std::string::npos) {
-                    continue;
-                }
-                std::istringstream fields(line);
-                std::string field;
-                while (fields >> field) {
-                    if (field.size() > inodeSuffix.size() &&
-                        field.compare(field.size() - inodeSuffix.size(), inodeSuffix.size(),
-                                      inodeSuffix) == 0) {
-                        return true;
-                    }
-                }
-            }
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return false;
-}
-
-std::size_t openDescriptorCount() {
-    std::size_t count = 0;
-    for ([[maybe_unused]] const auto& entry : fs::directory_iterator("/proc/self/fd")) {
-        ++count;
-    }
-    return count;
-}
-
-std::string runtimeErrorOf(const std::function<void()>& call) {
-    try {
-        call();
-    } catch (const std::runtime_error& error) {
-        return error.what();
-    } catch (...) {
-        return "<other exception>";
-    }
-    return "<no exception>";
-}
-
-Pipe::Pipe() {
-    if (pipe(fds_) != 0) {
-        throw std::system_error(errno, std::generic_category(), "pipe");
-    }
-}
-
-Pipe::~Pipe() {
-    close(fds_[0]); // nothing to report at teardown
-    close(fds_[1]);
-}
-
-void Pipe::send(char byte) {
-    while (write(fds_[1], &byte, 1) < 0 && errno == EINTR) {
-    }
-}
-
-bool Pipe::receive() {
-    close(fds_[1]); // so that the writer's exit ends the read
-    fds_[1] = open("/dev/null", O_WRONLY);
-    char byte = 0;
-    ssize_t got = 0;
-    while ((got = read(fds_[0], &byte, 1)) < 0 && errno == EINTR) {
-    }
-    return got == 1;
-}
 
 std::string stageName(compiler::StandardLibraryBootstrapStage stage) {
     switch (stage) {

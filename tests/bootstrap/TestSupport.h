@@ -1,11 +1,16 @@
-// Helpers shared by the bootstrap tests: scratch directories, small file
-// utilities, forked children, lock probes, and a progress callback that writes
-// every report into the fakes' call log.
+// Helpers of the bootstrap tests alone: a progress callback that writes every
+// report into the fakes' call log, and the guard of the suite's build-tree
+// fingerprint file. Scratch directories, files, failures, forked children and
+// lock probes come from tests/support, named here once.
 
 #ifndef QUOR_TESTS_BOOTSTRAP_TESTSUPPORT_H
 #define QUOR_TESTS_BOOTSTRAP_TESTSUPPORT_H
 
 #include "compiler/StandardLibraryBootstrap.h"
+#include "tests/support/Errors.h"
+#include "tests/support/Files.h"
+#include "tests/support/Locks.h"
+#include "tests/support/Processes.h"
 
 #include <sys/types.h>
 
@@ -22,74 +27,22 @@ namespace quor::testing {
 
 namespace fs = std::filesystem;
 
-// A fresh directory under the system's temporary directory, removed with
-// everything in it when the object goes away.
-class TempDir {
-public:
-    TempDir();
-    ~TempDir();
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-
-    const fs::path& path() const { return path_; }
-
-private:
-    fs::path path_;
-};
-
-// Writes `bytes` exactly, creating missing parent directories.
-void writeFile(const fs::path& file, const std::string& bytes);
-
-// The whole file, or an empty string when it cannot be read.
-std::string readFile(const fs::path& file);
-
-// Every path below `root` (not following links), relative to it.
-std::set<std::string> treeSnapshot(const fs::path& root);
-
-// Runs `body` in a forked child and returns its exit status, or 128 + signal
-// number when it was killed. The child leaves through _exit() only; an
-// exception in `body` becomes exit status 99.
-int runInChild(const std::function<int()>& body);
-
-// Starts `body` in a forked child and returns its process id without waiting.
-pid_t startChild(const std::function<int()>& body);
-
-// Exit status (or 128 + signal) of a child started by startChild().
-int waitChild(pid_t child);
-
-// True when another open file description holds a lock on `file`: a forked
-// child opens it and fails flock(LOCK_EX | LOCK_NB) with EWOULDBLOCK.
-bool lockHeldElsewhere(const fs::path& file);
-
-// Waits (up to 20 seconds) until some process or thread is blocked in flock()
-// on `file`, as /proc/locks shows it. False on time-out.
-bool waitForBlockedFlock(const fs::path& file);
-
-// Number of entries in /proc/self/fd.
-std::size_t openDescriptorCount();
-
-// The message of the std::runtime_error that `call` throws, or "<no exception>"
-// or "<other exception>".
-std::string runtimeErrorOf(const std::function<void()>& call);
-
-// A pipe whose ends are closed when it goes away; a byte on it sequences two
-// processes.
-class Pipe {
-public:
-    Pipe();
-    ~Pipe();
-    Pipe(const Pipe&) = delete;
-    Pipe& operator=(const Pipe&) = delete;
-
-    void send(char byte = 'x');
-    // Waits for one byte; false when every writer went away without sending.
-    // The receiving side gives up its own write end for that, so it can no
-    // longer send on this pipe: use one pipe per direction.
-    bool receive();
-
-private:
-    int fds_[2];
-};
+// What the bootstrap tests take from tests/support.
+using testsupport::lockHeldElsewhere;
+using testsupport::LockState;
+using testsupport::openDescriptorCount;
+using testsupport::Parents;
+using testsupport::pathsBelow;
+using testsupport::Pipe;
+using testsupport::probeLock;
+using testsupport::readFile;
+using testsupport::runInChild;
+using testsupport::runtimeErrorOf;
+using testsupport::startChild;
+using testsupport::TemporaryDirectory;
+using testsupport::waitForBlockedFlock;
+using testsupport::waitForChild;
+using testsupport::writeFile;
 
 // Every report, as one log entry "progress <stage> <completed>/<total> [<sourcePath>]
 // [<displayName>]", plus a copy of the records for detailed checks.

@@ -51,11 +51,11 @@ protected:
     std::string fingerprint() {
         ProcessResult run;
         const std::string value = fingerprintWithScript(lib(), out(), &run);
-        EXPECT_EQ(run.exitCode, 0) << run.output;
+        EXPECT_EQ(run.status, 0) << run.out;
         return value;
     }
 
-    ScratchDirectory scratch_{"fingerprint"};
+    TemporaryDirectory scratch_{"fingerprint"};
 };
 
 TEST_F(FingerprintTest, WritesSixtyFourLowerCaseHexDigitsAndALineFeed) {
@@ -142,17 +142,17 @@ TEST_F(FingerprintTest, MatchesTheDocumentedShellCommand) {
     fs::create_symlink(lib() / "a.qr", lib() / "Link.qr");
 
     ProcessResult shell = runShell(command, {{"ROOT", lib().string()}, {"LC_ALL", "en_US.UTF-8"}});
-    ASSERT_EQ(shell.exitCode, 0) << shell.output;
-    EXPECT_EQ(fingerprint(), shell.output);
+    ASSERT_EQ(shell.status, 0) << shell.out;
+    EXPECT_EQ(fingerprint(), shell.out);
 }
 
 TEST_F(FingerprintTest, ShellCommandAgreesOnTheShippedLibrary) {
     const std::string command = documentedShellCommand();
     ASSERT_FALSE(command.empty());
     ProcessResult shell = runShell(command, {{"ROOT", (sourceDir / "stdlib").string()}});
-    ASSERT_EQ(shell.exitCode, 0) << shell.output;
+    ASSERT_EQ(shell.status, 0) << shell.out;
     ProcessResult run;
-    EXPECT_EQ(fingerprintWithScript(sourceDir / "stdlib", out(), &run), shell.output) << run.output;
+    EXPECT_EQ(fingerprintWithScript(sourceDir / "stdlib", out(), &run), shell.out) << run.out;
 }
 
 TEST_F(FingerprintTest, LeavesAnUnchangedFileUntouched) {
@@ -182,8 +182,8 @@ TEST_F(FingerprintTest, RefusesNamesItCouldNotReproduce) {
         writeFile(lib() / name, "x\n");
         ProcessResult run;
         fingerprintWithScript(lib(), out(), &run);
-        EXPECT_NE(run.exitCode, 0);
-        EXPECT_NE(run.output.find("unsupported character"), std::string::npos) << run.output;
+        EXPECT_NE(run.status, 0);
+        EXPECT_NE(run.out.find("unsupported character"), std::string::npos) << run.out;
         EXPECT_FALSE(fs::exists(out()));
         fs::remove(lib() / name);
     }
@@ -192,7 +192,7 @@ TEST_F(FingerprintTest, RefusesNamesItCouldNotReproduce) {
 TEST_F(FingerprintTest, FailsWithoutALibraryRoot) {
     ProcessResult run;
     fingerprintWithScript(scratch_.path() / "missing", out(), &run);
-    EXPECT_NE(run.exitCode, 0);
+    EXPECT_NE(run.status, 0);
     EXPECT_FALSE(fs::exists(out()));
 }
 
@@ -201,16 +201,16 @@ TEST(BuildTreeFingerprint, MatchesTheShippedLibrary) {
     const std::string built = readFile(buildDir / "generated" / "quor-stdlib.fingerprint");
     ASSERT_TRUE(std::regex_match(built, std::regex("[0-9a-f]{64}\n")))
         << "missing or malformed build-tree fingerprint: '" << built << "'";
-    ScratchDirectory scratch("fingerprint-check");
+    TemporaryDirectory scratch("fingerprint-check");
     ProcessResult run;
     EXPECT_EQ(fingerprintWithScript(sourceDir / "stdlib", scratch.path() / "fp", &run), built)
-        << run.output;
+        << run.out;
 }
 
 // An ordinary build refreshes the fingerprint after every kind of change, using
 // the project's own build rules on a scratch library.
 TEST(BuildTreeFingerprint, EveryBuildRefreshesIt) {
-    ScratchDirectory scratch("fingerprint-build");
+    TemporaryDirectory scratch("fingerprint-build");
     const fs::path lib = scratch.path() / "lib";
     const fs::path project = scratch.path() / "project";
     const fs::path build = scratch.path() / "build";
@@ -227,11 +227,11 @@ TEST(BuildTreeFingerprint, EveryBuildRefreshesIt) {
     ProcessResult configure =
         runProcess({QUOR_TEST_CMAKE_COMMAND, "-S", project.string(), "-B", build.string(), "-G",
                     QUOR_TEST_CMAKE_GENERATOR, "-DCMAKE_MAKE_PROGRAM=" QUOR_TEST_MAKE_PROGRAM});
-    ASSERT_EQ(configure.exitCode, 0) << configure.output;
+    ASSERT_EQ(configure.status, 0) << configure.out;
     const fs::path file = build / "generated" / "quor-stdlib.fingerprint";
     auto buildAndRead = [&]() {
         ProcessResult built = runProcess({QUOR_TEST_CMAKE_COMMAND, "--build", build.string()});
-        EXPECT_EQ(built.exitCode, 0) << built.output;
+        EXPECT_EQ(built.status, 0) << built.out;
         return readFile(file);
     };
 

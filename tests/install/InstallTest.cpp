@@ -84,12 +84,12 @@ std::string buildWithCMake(const fs::path& project, const fs::path& build, const
                                           "-DCMAKE_PREFIX_PATH=" + prefix.string()};
     configure.insert(configure.end(), extra.begin(), extra.end());
     ProcessResult configured = runProcess(configure);
-    if (configured.exitCode != 0) {
-        return "configure: " + configured.output;
+    if (configured.status != 0) {
+        return "configure: " + configured.out;
     }
     ProcessResult built = runProcess({QUOR_TEST_CMAKE_COMMAND, "--build", build.string()});
-    if (built.exitCode != 0) {
-        return "build: " + built.output;
+    if (built.status != 0) {
+        return "build: " + built.out;
     }
     return {};
 }
@@ -100,19 +100,18 @@ std::string buildWithCMake(const fs::path& project, const fs::path& build, const
 void expectConsumerUsesTheLibraryOf(const fs::path& consumer, const fs::path& prefix,
                                     const fs::path& cache, bool ensure = false) {
     ProcessResult run = runProcess({consumer.string(), ensure ? "ensure" : ""}, freshCache(cache));
-    ASSERT_EQ(run.exitCode, 0) << run.output;
-    const auto values = keyValues(run.output);
+    ASSERT_EQ(run.status, 0) << run.out;
+    const auto values = keyValues(run.out);
     EXPECT_EQ(values.count("stdlib") ? values.at("stdlib") : "",
               (prefix / "share" / "quor" / "stdlib").string())
-        << run.output;
+        << run.out;
     EXPECT_EQ(values.count("branch") ? values.at("branch") : "",
               (cache / QUOR_COMPILER_VERSION).string())
-        << run.output;
-    EXPECT_EQ(values.count("required") ? values.at("required") : "", "1") << run.output;
+        << run.out;
+    EXPECT_EQ(values.count("required") ? values.at("required") : "", "1") << run.out;
     if (ensure) {
-        EXPECT_EQ(values.count("bootstrapped") ? values.at("bootstrapped") : "", "1") << run.output;
-        EXPECT_EQ(values.count("requiredAfter") ? values.at("requiredAfter") : "", "0")
-            << run.output;
+        EXPECT_EQ(values.count("bootstrapped") ? values.at("bootstrapped") : "", "1") << run.out;
+        EXPECT_EQ(values.count("requiredAfter") ? values.at("requiredAfter") : "", "0") << run.out;
         const std::string installed =
             readFile(prefix / "share" / "quor" / "stdlib" / ".quor-stdlib-fingerprint");
         ASSERT_FALSE(installed.empty());
@@ -127,21 +126,21 @@ class InstallTest : public ::testing::Test {
 protected:
     // One installation per test process; each test only reads it.
     static void SetUpTestSuite() {
-        prefixDir_ = std::make_unique<ScratchDirectory>("install");
+        prefixDir_ = std::make_unique<TemporaryDirectory>("install");
         install_ = runProcess({QUOR_TEST_CMAKE_COMMAND, "--install", buildDir.string(), "--prefix",
                                prefixDir_->path().string()});
     }
 
     static void TearDownTestSuite() { prefixDir_.reset(); }
 
-    void SetUp() override { ASSERT_EQ(install_.exitCode, 0) << install_.output; }
+    void SetUp() override { ASSERT_EQ(install_.status, 0) << install_.out; }
 
     static fs::path prefix() { return prefixDir_->path(); }
     static fs::path stdlib() { return prefix() / "share" / "quor" / "stdlib"; }
     static fs::path tool() { return prefix() / "bin" / "quor-stdlib"; }
     static fs::path docs() { return prefix() / "share" / "doc" / "quor-bootstrap"; }
 
-    static inline std::unique_ptr<ScratchDirectory> prefixDir_;
+    static inline std::unique_ptr<TemporaryDirectory> prefixDir_;
     static inline ProcessResult install_;
 };
 
@@ -158,7 +157,7 @@ TEST_F(InstallTest, InstalledFingerprintDescribesTheInstalledLibrary) {
     const std::string installed = readFile(stdlib() / ".quor-stdlib-fingerprint");
     ASSERT_TRUE(std::regex_match(installed, std::regex("[0-9a-f]{64}\n"))) << installed;
     EXPECT_EQ(installed, readFile(buildDir / "generated" / "quor-stdlib.fingerprint"));
-    ScratchDirectory scratch("install-fp");
+    TemporaryDirectory scratch("install-fp");
     EXPECT_EQ(fingerprintWithScript(stdlib(), scratch.path() / "fp"), installed);
 }
 
@@ -235,9 +234,9 @@ TEST_F(InstallTest, InstallsTheManualPageAndTheCompletion) {
     EXPECT_NE(page.find(".TH QUOR\\-STDLIB 1"), std::string::npos) << page;
     // What the tool's own help lists, the page lists.
     ProcessResult help = runProcess({tool().string(), "help"});
-    ASSERT_EQ(help.exitCode, 0) << help.output;
+    ASSERT_EQ(help.status, 0) << help.out;
     for (const char* subcommand : {"status", "ensure", "prune", "help"}) {
-        ASSERT_NE(help.output.find(std::string("  ") + subcommand + " "), std::string::npos);
+        ASSERT_NE(help.out.find(std::string("  ") + subcommand + " "), std::string::npos);
         EXPECT_NE(page.find(std::string(".SS \"quor\\-stdlib ") + subcommand), std::string::npos)
             << subcommand;
     }
@@ -257,7 +256,7 @@ TEST_F(InstallTest, CompletionOffersSubcommandsOptionsAndValues) {
     if (!fs::exists(script)) {
         GTEST_SKIP() << "the tool is not part of this installation";
     }
-    ScratchDirectory scratch("completion");
+    TemporaryDirectory scratch("completion");
     fs::create_directories(scratch.path() / "libs" / "one");
     const auto complete = [&](const std::string& words) {
         ProcessResult run = runProcess(
@@ -267,8 +266,8 @@ TEST_F(InstallTest, CompletionOffersSubcommandsOptionsAndValues) {
              "_quor_stdlib; printf '%s\\n' \"${COMPREPLY[@]}\" | sort | tr '\\n' ' '",
              "complete", script.string(), words},
             {}, scratch.path());
-        EXPECT_EQ(run.exitCode, 0) << run.output;
-        return run.output;
+        EXPECT_EQ(run.status, 0) << run.out;
+        return run.out;
     };
     EXPECT_EQ(complete("quor-stdlib ens"), "ensure ");
     EXPECT_EQ(complete("quor-stdlib pr"), "prune ");
@@ -297,23 +296,23 @@ TEST_F(InstallTest, InstallsTheZshCompletion) {
           ":WHEN:(auto always never)", ":DIR:_files -/", "'1:subcommand:("}) {
         EXPECT_NE(text.find(word), std::string::npos) << word << "\n" << text;
     }
-    if (runProcess({"sh", "-c", "command -v zsh"}).exitCode != 0) {
+    if (runProcess({"sh", "-c", "command -v zsh"}).status != 0) {
         GTEST_SKIP() << "zsh is not installed; only the content was checked";
     }
     ProcessResult parsed = runProcess({"zsh", "-n", script.string()});
-    EXPECT_EQ(parsed.exitCode, 0) << parsed.output;
+    EXPECT_EQ(parsed.status, 0) << parsed.out;
     // compinit finds it in the folder the prefix installs to, for the command.
     ProcessResult registered =
         runProcess({"zsh", "-f", "-c",
                     "fpath=(\"$1\" $fpath); autoload -U compinit; compinit -u -D; "
                     "print -r -- ${_comps[quor-stdlib]}",
                     "zsh", script.parent_path().string()});
-    EXPECT_EQ(registered.exitCode, 0) << registered.output;
-    EXPECT_EQ(registered.output, "_quor-stdlib\n");
+    EXPECT_EQ(registered.status, 0) << registered.out;
+    EXPECT_EQ(registered.out, "_quor-stdlib\n");
 }
 
 TEST_F(InstallTest, PackageRefusesAnotherMinorVersion) {
-    ScratchDirectory scratch("consumer-version");
+    TemporaryDirectory scratch("consumer-version");
     const std::string failure =
         buildWithCMake(copyConsumer(scratch.path()), scratch.path() / "build", prefix(),
                        {"-DQUOR_REQUIRED_VERSION=0.2"});
@@ -326,7 +325,7 @@ TEST_F(InstallTest, PackageRefusesAnotherMinorVersion) {
 // services, and with no setting at all gets the installed library; its first
 // ensure() builds that library and certifies it with the installed fingerprint.
 TEST_F(InstallTest, ConsumerProjectDefaultsToTheInstalledLibrary) {
-    ScratchDirectory scratch("consumer");
+    TemporaryDirectory scratch("consumer");
     const fs::path build = scratch.path() / "build";
     ASSERT_EQ(buildWithCMake(copyConsumer(scratch.path()), build, prefix()), "");
     expectConsumerUsesTheLibraryOf(build / "consumer", prefix(), scratch.path() / "cache");
@@ -336,7 +335,7 @@ TEST_F(InstallTest, ConsumerProjectDefaultsToTheInstalledLibrary) {
 // A prefix copied elsewhere after its installation serves its consumers from
 // where it lies now; the place it was installed to may be gone.
 TEST_F(InstallTest, CopiedPrefixIsFoundWhereItNowLies) {
-    ScratchDirectory scratch("copied-prefix");
+    TemporaryDirectory scratch("copied-prefix");
     const fs::path copy = scratch.path() / "elsewhere" / "quor";
     fs::create_directories(copy.parent_path());
     fs::copy(prefix(), copy, fs::copy_options::recursive | fs::copy_options::copy_symlinks);
@@ -348,13 +347,13 @@ TEST_F(InstallTest, CopiedPrefixIsFoundWhereItNowLies) {
 // A packager's staged installation: DESTDIR in front of the prefix. Whoever
 // builds against the staging tree gets the staged library.
 TEST_F(InstallTest, StagedInstallationIsFoundWhereItLies) {
-    ScratchDirectory scratch("destdir");
+    TemporaryDirectory scratch("destdir");
     const fs::path stage = scratch.path() / "stage";
     const std::string finalPrefix = "/opt/quor-staged-" + scratch.path().filename().string();
     ProcessResult staged = runProcess(
         {QUOR_TEST_CMAKE_COMMAND, "--install", buildDir.string(), "--prefix", finalPrefix},
         {{"DESTDIR", stage.string()}});
-    ASSERT_EQ(staged.exitCode, 0) << staged.output;
+    ASSERT_EQ(staged.status, 0) << staged.out;
     const fs::path stagedPrefix = stage / finalPrefix.substr(1);
     ASSERT_FALSE(fs::exists(finalPrefix)) << "DESTDIR was not honoured";
     EXPECT_EQ(readFile(stagedPrefix / "share" / "quor" / "stdlib" / ".quor-stdlib-fingerprint"),
@@ -367,15 +366,15 @@ TEST_F(InstallTest, StagedInstallationIsFoundWhereItLies) {
 // A consumer built by plain `c++ $(pkg-config --cflags --libs quor-bootstrap)`,
 // then the example driver as examples/pkg-config/build.sh builds it.
 TEST_F(InstallTest, PkgConfigConsumersBuildAndRun) {
-    ScratchDirectory scratch("pkg-config");
+    TemporaryDirectory scratch("pkg-config");
     const fs::path project = copyConsumer(scratch.path());
     const std::map<std::string, std::optional<std::string>> pkgConfig = {
         {"PKG_CONFIG_PATH", (prefix() / libDir / "pkgconfig").string()}};
     ProcessResult version = runShell("pkg-config --modversion quor-bootstrap && "
                                      "pkg-config --variable=stdlibdir quor-bootstrap",
                                      pkgConfig);
-    ASSERT_EQ(version.exitCode, 0) << version.output;
-    std::istringstream lines(version.output);
+    ASSERT_EQ(version.status, 0) << version.out;
+    std::istringstream lines(version.out);
     std::string modversion, stdlibdir;
     std::getline(lines, modversion);
     std::getline(lines, stdlibdir);
@@ -387,22 +386,22 @@ TEST_F(InstallTest, PkgConfigConsumersBuildAndRun) {
                                        "main.cpp PrefixedIncludes.cpp "
                                        "$(pkg-config --cflags --libs quor-bootstrap)",
                                    pkgConfig);
-    ASSERT_EQ(built.exitCode, 0) << built.output;
-    EXPECT_EQ(built.output, "") << "the package's flags bring warnings";
+    ASSERT_EQ(built.status, 0) << built.out;
+    EXPECT_EQ(built.out, "") << "the package's flags bring warnings";
     expectConsumerUsesTheLibraryOf(project / "consumer", prefix(), scratch.path() / "cache", true);
 
     fs::copy(sourceDir / "examples", scratch.path() / "examples", fs::copy_options::recursive);
     ProcessResult driver = runProcess(
         {"sh", (scratch.path() / "examples" / "pkg-config" / "build.sh").string()}, pkgConfig);
-    ASSERT_EQ(driver.exitCode, 0) << driver.output;
+    ASSERT_EQ(driver.status, 0) << driver.out;
     ProcessResult run =
         runProcess({(scratch.path() / "examples" / "pkg-config" / "quorc").string()},
                    freshCache(scratch.path() / "driver-cache"));
-    ASSERT_EQ(run.exitCode, 0) << run.output;
-    EXPECT_NE(run.output.find("quorc: standard library " + stdlib().string() + "\n"),
+    ASSERT_EQ(run.status, 0) << run.out;
+    EXPECT_NE(run.out.find("quorc: standard library " + stdlib().string() + "\n"),
               std::string::npos)
-        << run.output;
-    EXPECT_TRUE(fs::is_regular_file(markerOf(scratch.path() / "driver-cache"))) << run.output;
+        << run.out;
+    EXPECT_TRUE(fs::is_regular_file(markerOf(scratch.path() / "driver-cache"))) << run.out;
 }
 
 // The example driver of docs/embedding.md, built with its own build script
@@ -410,12 +409,12 @@ TEST_F(InstallTest, PkgConfigConsumersBuildAndRun) {
 // slow, builds with a progress line and carries on; when another process holds
 // the build lock it says that it waits; once the cache is ready it is silent.
 TEST_F(InstallTest, ExampleDriverMakesAFreshCacheReady) {
-    ScratchDirectory scratch("driver");
+    TemporaryDirectory scratch("driver");
     const fs::path examples = scratch.path() / "examples";
     fs::copy(sourceDir / "examples", examples, fs::copy_options::recursive);
     ProcessResult built = runProcess({"sh", (examples / "driver" / "build.sh").string()},
                                      {{"QUOR_PREFIX", prefix().string()}});
-    ASSERT_EQ(built.exitCode, 0) << built.output;
+    ASSERT_EQ(built.status, 0) << built.out;
     const fs::path quorc = examples / "driver" / "build" / "quorc";
     const fs::path source = scratch.path() / "hello.qr";
     writeFile(source, "package hello\n");
@@ -434,8 +433,8 @@ TEST_F(InstallTest, ExampleDriverMakesAFreshCacheReady) {
     });
     ProcessResult first = runProcess({quorc.string(), source.string()}, freshCache(cache));
     release.join();
-    ASSERT_EQ(first.exitCode, 0) << first.output;
-    const std::string& out = first.output;
+    ASSERT_EQ(first.status, 0) << first.out;
+    const std::string& out = first.out;
     const std::size_t notice = out.find("quorc: first start of this compiler version");
     const std::size_t waiting = out.find("quorc: waiting for another process");
     const std::size_t building = out.find("quorc: building the standard library\n");
@@ -462,22 +461,22 @@ TEST_F(InstallTest, ExampleDriverMakesAFreshCacheReady) {
     EXPECT_TRUE(fs::is_regular_file(markerOf(cache)));
 
     ProcessResult second = runProcess({quorc.string()}, freshCache(cache));
-    ASSERT_EQ(second.exitCode, 0) << second.output;
-    EXPECT_EQ(second.output.find("first start"), std::string::npos) << second.output;
-    EXPECT_EQ(second.output.find("building"), std::string::npos) << second.output;
-    EXPECT_NE(second.output.find("quorc: precompiled in " +
-                                 (cache / QUOR_COMPILER_VERSION / "lib").string()),
+    ASSERT_EQ(second.status, 0) << second.out;
+    EXPECT_EQ(second.out.find("first start"), std::string::npos) << second.out;
+    EXPECT_EQ(second.out.find("building"), std::string::npos) << second.out;
+    EXPECT_NE(second.out.find("quorc: precompiled in " +
+                              (cache / QUOR_COMPILER_VERSION / "lib").string()),
               std::string::npos)
-        << second.output;
+        << second.out;
 
     // A missing library is an error, not a silent start without one.
     ProcessResult missing =
         runProcess({quorc.string(), "--stdlib", (scratch.path() / "no-such-library").string()},
                    freshCache(scratch.path() / "cache-missing"));
-    EXPECT_EQ(missing.exitCode, 1) << missing.output;
-    EXPECT_NE(missing.output.find("quorc: error: Unable to enumerate Quor standard library"),
+    EXPECT_EQ(missing.status, 1) << missing.out;
+    EXPECT_NE(missing.out.find("quorc: error: Unable to enumerate Quor standard library"),
               std::string::npos)
-        << missing.output;
+        << missing.out;
 }
 
 // The installed tool finds the library installed beside it, with no variable
@@ -486,16 +485,15 @@ TEST_F(InstallTest, InstalledToolBuildsTheInstalledLibrary) {
     if (!fs::exists(tool())) {
         GTEST_SKIP() << "the tool is not part of this installation";
     }
-    ScratchDirectory scratch("installed-tool");
+    TemporaryDirectory scratch("installed-tool");
     const fs::path cache = scratch.path() / "cache";
     ProcessResult run = runProcess({tool().string(), "ensure"}, freshCache(cache), scratch.path());
-    ASSERT_EQ(run.exitCode, 0) << run.output;
+    ASSERT_EQ(run.status, 0) << run.out;
     const std::string marker = readFile(markerOf(cache));
     const std::string installed = readFile(stdlib() / ".quor-stdlib-fingerprint");
     ASSERT_FALSE(installed.empty());
     EXPECT_NE(marker.find("\nfingerprint=" + installed), std::string::npos) << marker;
-    EXPECT_NE(marker.find("\nversion=" QUOR_COMPILER_VERSION "\n"), std::string::npos)
-        << marker;
+    EXPECT_NE(marker.find("\nversion=" QUOR_COMPILER_VERSION "\n"), std::string::npos) << marker;
 }
 
 // The case the installed package exists for: the package is built from a
@@ -504,7 +502,7 @@ TEST_F(InstallTest, InstalledToolBuildsTheInstalledLibrary) {
 // hand with -l flags only, still defaults to the installed library. This test
 // builds its own copy of the sources, so that it can move them away.
 TEST(InstalledPackage, OutlivesItsSourceTree) {
-    ScratchDirectory scratch("moved-source");
+    TemporaryDirectory scratch("moved-source");
     const fs::path source = scratch.path() / "source";
     const fs::path build = scratch.path() / "build";
     const fs::path prefix = scratch.path() / "prefix";
@@ -519,11 +517,11 @@ TEST(InstalledPackage, OutlivesItsSourceTree) {
                     "-DCMAKE_CXX_COMPILER=" QUOR_TEST_CXX_COMPILER, "-DCMAKE_BUILD_TYPE=Debug",
                     "-DQUOR_BUILD_TESTS=OFF", "-DQUOR_BUILD_TOOLS=OFF",
                     "-DCMAKE_INSTALL_PREFIX=" + prefix.string()});
-    ASSERT_EQ(configured.exitCode, 0) << configured.output;
+    ASSERT_EQ(configured.status, 0) << configured.out;
     ProcessResult built = runProcess({QUOR_TEST_CMAKE_COMMAND, "--build", build.string()});
-    ASSERT_EQ(built.exitCode, 0) << built.output;
+    ASSERT_EQ(built.status, 0) << built.out;
     ProcessResult installed = runProcess({QUOR_TEST_CMAKE_COMMAND, "--install", build.string()});
-    ASSERT_EQ(installed.exitCode, 0) << installed.output;
+    ASSERT_EQ(installed.status, 0) << installed.out;
 
     fs::rename(source, scratch.path() / "source-moved-away");
     fs::remove_all(build);
@@ -541,7 +539,7 @@ TEST(InstalledPackage, OutlivesItsSourceTree) {
         "cd '" + project.string() + "' && c++ -std=c++20 -o by-hand main.cpp PrefixedIncludes.cpp" +
         " -I'" + (include / "quor").string() + "' -I'" + include.string() + "' -L'" +
         (prefix / libDir).string() + "' -lquor_bootstrap -lquor_services -lcrypto -pthread");
-    ASSERT_EQ(byHand.exitCode, 0) << byHand.output;
+    ASSERT_EQ(byHand.status, 0) << byHand.out;
     expectConsumerUsesTheLibraryOf(project / "by-hand", prefix, scratch.path() / "cache-by-hand");
 
     // And once the prefix has moved too, such a program installed in its bin

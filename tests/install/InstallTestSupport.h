@@ -1,10 +1,15 @@
-// Helpers of the installation tests: scratch directories, child processes whose
-// output is captured, and small file utilities. The tests drive cmake, the
-// shell and the installed tool as real processes, because what they check is
-// what a packager or an embedding project would see.
+// Helpers of the installation tests alone: the programs they run (cmake, the
+// shell, the installed tool) with both output streams read together, the
+// fingerprint script, and the units of a library. The tests drive these as
+// real processes, because what they check is what a packager or an embedding
+// project would see. Scratch directories, files and the process runner itself
+// come from tests/support, named here once.
 
 #ifndef QUOR_TESTS_INSTALL_INSTALLTESTSUPPORT_H
 #define QUOR_TESTS_INSTALL_INSTALLTESTSUPPORT_H
+
+#include "tests/support/Files.h"
+#include "tests/support/Processes.h"
 
 #include <filesystem>
 #include <map>
@@ -14,25 +19,14 @@
 
 namespace quor::tests {
 
-// A fresh directory under the system's temporary directory, removed with all
-// its content when the object goes away.
-class ScratchDirectory {
-public:
-    explicit ScratchDirectory(const std::string& purpose);
-    ~ScratchDirectory();
-    ScratchDirectory(const ScratchDirectory&) = delete;
-    ScratchDirectory& operator=(const ScratchDirectory&) = delete;
+// What the installation tests take from tests/support.
+using testsupport::readFile;
+using testsupport::TemporaryDirectory;
+using testsupport::writeFile;
 
-    const std::filesystem::path& path() const;
-
-private:
-    std::filesystem::path path_;
-};
-
-struct ProcessResult {
-    int exitCode = -1;  // the exit status, or 128 + signal number
-    std::string output; // standard output and standard error, interleaved
-};
+// What a program did: its exit status (or 128 + signal number) in `status`,
+// standard output and standard error interleaved in `out`.
+using ProcessResult = testsupport::ProgramRun;
 
 // Runs `arguments` (the program is looked up in PATH) in `workingDirectory`
 // (unchanged when empty) and waits for it. `environment` entries replace or add
@@ -44,12 +38,6 @@ ProcessResult runProcess(const std::vector<std::string>& arguments,
 // Runs `script` with /bin/sh -c.
 ProcessResult runShell(const std::string& script,
                        const std::map<std::string, std::optional<std::string>>& environment = {});
-
-// The whole file as bytes; empty when it cannot be read.
-std::string readFile(const std::filesystem::path& file);
-
-// Writes `content`, creating the parent directories. Throws on failure.
-void writeFile(const std::filesystem::path& file, const std::string& content);
 
 // Runs the fingerprint script over `root` into `output` and returns the file's
 // content; the script's failure is reported through `result` when given.

@@ -50,7 +50,9 @@ TEST(ConcurrentEnsure, EachRoundBuildsExactlyOnceAcrossManyProcesses) {
 
     for (unsigned round = 0; round < rounds; ++round) {
         const std::string fingerprint = writeFingerprint(library, seed + round + 1);
-        writeFile(changed, readFile(changed) + "// round " + std::to_string(round) + "\n");
+        writeFile(changed,
+                  readFile(changed, Unreadable::Throw) + "// round " + std::to_string(round) + "\n",
+                  Parents::MustExist);
 
         std::vector<pid_t> children;
         std::vector<fs::path> outputs;
@@ -64,8 +66,8 @@ TEST(ConcurrentEnsure, EachRoundBuildsExactlyOnceAcrossManyProcesses) {
         unsigned builds = 0;
         unsigned waited = 0; // processes that found the lock taken and said so
         for (unsigned p = 0; p < processes; ++p) {
-            const int status = waitFor(children[p]);
-            const std::string output = readFile(outputs[p]);
+            const int status = waitForChild(children[p]);
+            const std::string output = readFile(outputs[p], Unreadable::Throw);
             EXPECT_EQ(status, 0) << "round " << round << ", process " << p << ":\n" << output;
             const nlohmann::json result = resultOf(output);
             ASSERT_TRUE(result.is_object())

@@ -115,7 +115,8 @@ TEST(CrashTest, KilledEnsureNeverLeavesATrustedIncompleteCache) {
     const unsigned units = stressCount("QUOR_CRASH_UNITS", 300, 600);
     const std::vector<fs::path> compiled =
         generateLibrary(library, units, fullStress() ? 12000 : 8000, seed);
-    const std::string fingerprint = readFile(library / ".quor-stdlib-fingerprint").substr(0, 64);
+    const std::string fingerprint =
+        readFile(library / ".quor-stdlib-fingerprint", Unreadable::Throw).substr(0, 64);
     const fs::path log = scratch.path() / "tool.log";
     const auto ensureArguments = [&](const fs::path& cache) {
         return std::vector<std::string>{"--stdlib",     library.string(), "--cache-root",
@@ -148,7 +149,7 @@ TEST(CrashTest, KilledEnsureNeverLeavesATrustedIncompleteCache) {
         object.replace_extension(".qo");
         ASSERT_EQ(referenceObjects.count(object.string()), 1U) << object;
     }
-    const std::string referenceMarker = readFile(markerPathOf(reference));
+    const std::string referenceMarker = readFile(markerPathOf(reference), Unreadable::Throw);
     auto buildMicros = std::chrono::duration_cast<std::chrono::microseconds>(buildTime).count();
     std::cout << "crash test: clean build of " << compiled.size() << " units took "
               << buildMicros / 1000 << " ms" << std::endl;
@@ -182,10 +183,10 @@ TEST(CrashTest, KilledEnsureNeverLeavesATrustedIncompleteCache) {
             std::this_thread::sleep_for(delay);
             ::kill(child, SIGKILL);
         }
-        const int status = waitFor(child);
+        const int status = waitForChild(child);
         const bool killed = status == 128 + SIGKILL;
         if (!killed) {
-            ASSERT_EQ(status, 0) << "trial " << trial << ": " << readFile(log);
+            ASSERT_EQ(status, 0) << "trial " << trial << ": " << readFile(log, Unreadable::Throw);
             ++finishedFirst;
         }
 
@@ -195,7 +196,7 @@ TEST(CrashTest, KilledEnsureNeverLeavesATrustedIncompleteCache) {
         if (!ready) {
             ASSERT_FALSE(fs::exists(marker))
                 << "trial " << trial << " (kill after " << delay.count()
-                << " us): a marker that does not validate: " << readFile(marker);
+                << " us): a marker that does not validate: " << readFile(marker, Unreadable::Throw);
             ++killedNotReady;
         } else {
             EXPECT_EQ(snapshot(libCacheOf(cache), isTemporary), referenceObjects)
@@ -226,7 +227,7 @@ TEST(CrashTest, KilledEnsureNeverLeavesATrustedIncompleteCache) {
         const ToolRun again = runTool(ensureArguments(cache), log);
         ASSERT_EQ(again.status, 0) << "trial " << trial << ": " << again.output;
         ASSERT_TRUE(markerValid(cache, fingerprint)) << "trial " << trial;
-        ASSERT_EQ(readFile(marker), referenceMarker) << "trial " << trial;
+        ASSERT_EQ(readFile(marker, Unreadable::Throw), referenceMarker) << "trial " << trial;
         ASSERT_EQ(snapshot(libCacheOf(cache), isTemporary), referenceObjects)
             << "trial " << trial << ": the cache after recovery differs from a clean build";
         leftTemporaries += countTemporaries(libCacheOf(cache));

@@ -14,11 +14,11 @@
 #include "compiler/Runtime.h"
 #include "compiler/SourceManager.h"
 #include "compiler/StandardLibraryBootstrap.h"
+#include "quor/Config.h"
 #include "tests/reliability/ReliabilitySupport.h"
 #include "tests/reliability/ToolHarness.h"
-#include "quor/Config.h"
 
-#include "ChildChecks.h"
+#include "tests/support/ChildChecks.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -48,7 +48,8 @@ protected:
         fs::permissions(scratch.path(), fs::perms::others_write | fs::perms::group_write,
                         fs::perm_options::remove);
         compiled = generateLibrary(library, 14, 400, stressSeed());
-        fingerprint = readFile(library / ".quor-stdlib-fingerprint").substr(0, 64);
+        fingerprint =
+            readFile(library / ".quor-stdlib-fingerprint", Unreadable::Throw).substr(0, 64);
         configure(library, cache);
     }
 
@@ -100,21 +101,21 @@ TEST_F(HostileInput, ReadOnlyCacheRootFailsWithTheCacheRootMessage) {
 }
 
 TEST_F(HostileInput, RegularFileAsCacheRootFailsAndStaysUntouched) {
-    writeFile(cache, "not a directory");
+    writeFile(cache, "not a directory", Parents::MustExist);
     const fs::path lockDirectory = cache / ".first-launch" / QUOR_COMPILER_VERSION;
     EXPECT_EQ(ensureError(),
               "Unable to create Quor cache root '" + lockDirectory.native() + "': Not a directory");
-    EXPECT_EQ(readFile(cache), "not a directory");
+    EXPECT_EQ(readFile(cache, Unreadable::Throw), "not a directory");
 }
 
 TEST_F(HostileInput, RegularFileAsStateDirectoryFailsAfterTheBuildWithoutAMarker) {
     fs::create_directories(stateDirectory().parent_path());
-    writeFile(stateDirectory(), "in the way");
+    writeFile(stateDirectory(), "in the way", Parents::MustExist);
     const std::string error = ensureError();
     const std::string prefix =
         "Unable to create standard-library cache directory '" + stateDirectory().native() + "': ";
     EXPECT_EQ(error.substr(0, prefix.size()), prefix) << error;
-    EXPECT_EQ(readFile(stateDirectory()), "in the way");
+    EXPECT_EQ(readFile(stateDirectory(), Unreadable::Throw), "in the way");
     EXPECT_TRUE(StandardLibraryBootstrap::isRequired());
     std::cout << "state directory in the way: " << error << std::endl;
 }
@@ -145,7 +146,8 @@ TEST_F(HostileInput, LockFileOfAnotherUserFailsWithTheLockMessage) {
 TEST_F(HostileInput, UnreadableLibraryFolderIsSkippedAndTheRestIsBuilt) {
     const fs::path hidden = library / "secret";
     fs::create_directories(hidden);
-    writeFile(hidden / "Hidden.qr", "package secret\n\npublic class Hidden {\n}\n");
+    writeFile(hidden / "Hidden.qr", "package secret\n\npublic class Hidden {\n}\n",
+              Parents::MustExist);
     fs::permissions(hidden, fs::perms::owner_all, fs::perm_options::replace);
     // The unprivileged user's own cache root: one that others may write to
     // would be refused before the walk.
@@ -223,7 +225,8 @@ TEST_F(HostileInput, CacheRootTooLongForObjectsOrMarkerFailsWithoutAMarker) {
 }
 
 TEST_F(HostileInput, NonUtf8FileNamesAreCompiledUnderTheirOwnBytes) {
-    writeFile(library / "caf\xe9.qr", "public fn latin() -> Int {\n    return 1\n}\n");
+    writeFile(library / "caf\xe9.qr", "public fn latin() -> Int {\n    return 1\n}\n",
+              Parents::MustExist);
     EXPECT_EQ(StandardLibraryBootstrap::ensure({}).total, compiled.size() + 1);
     EXPECT_TRUE(fs::exists(libCacheOf(cache) / "caf\xe9.qo"));
     EXPECT_TRUE(markerValid(cache, fingerprint));
@@ -233,7 +236,8 @@ TEST_F(HostileInput, NonUtf8FileNamesKeepTheToolsJsonValid) {
     if (toolPath().empty()) {
         GTEST_SKIP() << "this build has no quor-stdlib tool";
     }
-    writeFile(library / "caf\xe9.qr", "public fn latin() -> Int {\n    return 1\n}\n");
+    writeFile(library / "caf\xe9.qr", "public fn latin() -> Int {\n    return 1\n}\n",
+              Parents::MustExist);
     const ToolRun run =
         runTool({"--stdlib", library.string(), "--cache-root", cache.string(), "--json", "ensure"},
                 scratch.path() / "tool.log");
@@ -247,7 +251,7 @@ TEST_F(HostileInput, NonUtf8FileNamesKeepTheToolsJsonValid) {
 }
 
 TEST_F(HostileInput, EmptyUnitIsCompiled) {
-    writeFile(library / "Empty.qr", "");
+    writeFile(library / "Empty.qr", "", Parents::MustExist);
     EXPECT_EQ(StandardLibraryBootstrap::ensure({}).total, compiled.size() + 1);
     EXPECT_TRUE(fs::exists(libCacheOf(cache) / "Empty.qo"));
     EXPECT_TRUE(markerValid(cache, fingerprint));
@@ -263,7 +267,7 @@ TEST_F(HostileInput, HundredMebibyteUnitIsCompiled) {
     }
     text += "}\n";
     text.resize(size, '\n');
-    writeFile(library / "Huge.qr", text);
+    writeFile(library / "Huge.qr", text, Parents::MustExist);
     text.clear();
     text.shrink_to_fit();
     EXPECT_EQ(StandardLibraryBootstrap::ensure({}).total, compiled.size() + 1);
@@ -275,7 +279,7 @@ TEST_F(HostileInput, ToolRefusesAFileAsCacheRootWithExitStatusOne) {
     if (toolPath().empty()) {
         GTEST_SKIP() << "this build has no quor-stdlib tool";
     }
-    writeFile(cache, "not a directory");
+    writeFile(cache, "not a directory", Parents::MustExist);
     const ToolRun run =
         runTool({"--stdlib", library.string(), "--cache-root", cache.string(), "ensure"},
                 scratch.path() / "tool.log");
@@ -285,7 +289,7 @@ TEST_F(HostileInput, ToolRefusesAFileAsCacheRootWithExitStatusOne) {
                               "' is not a directory; remove it or choose another cache root\n"),
               std::string::npos)
         << run.output;
-    EXPECT_EQ(readFile(cache), "not a directory");
+    EXPECT_EQ(readFile(cache, Unreadable::Throw), "not a directory");
 }
 
 } // namespace

@@ -30,9 +30,10 @@
 // drawn for it; later rounds cycle through every combination.
 
 #include "compiler/Compiler.h"
+#include "quor/Config.h"
 #include "tests/reliability/ReliabilitySupport.h"
 #include "tests/reliability/ToolHarness.h"
-#include "quor/Config.h"
+#include "tests/support/ChildChecks.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -358,17 +359,17 @@ void buildSentinels(const fs::path& outside, const std::string& fingerprint) {
     fs::create_directories(outside / "ghosts");
     for (const std::string& file : files) {
         fs::create_directories((mirror / file).parent_path());
-        writeFile(mirror / file, "sentinel " + file + "\n");
+        writeFile(mirror / file, "sentinel " + file + "\n", Parents::MustExist);
     }
     // A corner only root may enter, as a home directory's secrets would be.
     const fs::path closed = mirror / kVersion / "lib" / "core" / "closed";
     fs::create_directories(closed);
-    writeFile(closed / "secret", "sentinel secret\n");
+    writeFile(closed / "secret", "sentinel secret\n", Parents::MustExist);
     fs::permissions(closed / "secret", fs::perms::owner_read | fs::perms::owner_write);
     fs::permissions(closed, fs::perms::owner_all);
     fs::permissions(mirror / state / ".stdlib-bootstrap-lib.lock",
                     fs::perms::owner_read | fs::perms::owner_write);
-    writeFile(outside / "fingerprint", fingerprint + "\n");
+    writeFile(outside / "fingerprint", fingerprint + "\n", Parents::MustExist);
 }
 
 std::string describe(const fs::path& path) {
@@ -386,7 +387,7 @@ std::string describe(const fs::path& path) {
          << " mode " << std::oct << (info.st_mode & 07777) << std::dec << " owner " << info.st_uid
          << ":" << info.st_gid;
     if (type == S_IFREG) {
-        text << " content " << readFile(path);
+        text << " content " << readFile(path, Unreadable::Throw);
     } else if (type == S_IFLNK) {
         std::error_code error;
         text << " to " << fs::read_symlink(path, error).string();
@@ -718,7 +719,13 @@ public:
     AttackerProcess& operator=(const AttackerProcess&) = delete;
     ~AttackerProcess() { stop(); }
 
-    void start(const std::function<int()>& work) { pid_ = startAsNobody(work); }
+    // Root passes every permission check, so the attacker acts as uid 65534.
+    void start(const std::function<int()>& work) {
+        pid_ = startChild([work] {
+            testsupport::becomeUser(testsupport::kNobody);
+            return work();
+        });
+    }
     bool started() const { return pid_ > 0; }
 
     // Its exit status, or 128 + SIGKILL when it was still at work.
@@ -727,7 +734,7 @@ public:
             return status_;
         }
         ::kill(pid_, SIGKILL);
-        status_ = waitFor(pid_);
+        status_ = waitForChild(pid_);
         pid_ = -1;
         return status_;
     }
@@ -782,7 +789,7 @@ ToolResult runWithDeadline(const std::vector<std::string>& arguments, const fs::
         result.signal = result.signalled ? WTERMSIG(status) : 0;
         result.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
-    result.output = readFile(output);
+    result.output = readFile(output, Unreadable::Throw);
     return result;
 }
 
@@ -845,7 +852,7 @@ std::string readFingerprint(const fs::path& file) {
     if (!fs::is_regular_file(file, error)) {
         return {};
     }
-    std::string line = readFile(file);
+    std::string line = readFile(file, Unreadable::Throw);
     line = line.substr(0, line.find('\n'));
     if (line.size() != 64) {
         return {};
@@ -1168,7 +1175,7 @@ private:
         for (const OldFile& file : oldFiles()) {
             if (!isAtOrBelow(file.relative, info.relative)) {
                 fs::create_directories((scene.root / file.relative).parent_path());
-                writeFile(scene.root / file.relative, file.content);
+                writeFile(scene.root / file.relative, file.content, Parents::MustExist);
             }
         }
         const fs::path opened = scene.root / parentOf(info.relative);

@@ -45,13 +45,15 @@ void deriveLibrary(const fs::path& a, const fs::path& b, std::uint64_t seed) {
         if (index % 11 == 0) {
             fs::remove(unit);
         } else if (index % 7 == 0) {
-            writeFile(unit, readFile(unit) + "// edited for library B\n");
+            writeFile(unit, readFile(unit, Unreadable::Throw) + "// edited for library B\n",
+                      Parents::MustExist);
         }
     }
     fs::create_directories(b / "only" / "b");
     for (int i = 0; i < 5; ++i) {
         writeFile(b / "only" / "b" / ("Extra" + std::to_string(i) + ".qr"),
-                  "package only.b\npublic struct Extra" + std::to_string(i) + " { }\n");
+                  "package only.b\npublic struct Extra" + std::to_string(i) + " { }\n",
+                  Parents::MustExist);
     }
     writeFingerprint(b, seed + 1);
 }
@@ -89,7 +91,8 @@ TEST(IncrementalCrashTest, KilledSwitchesNeverLeaveAMarkerOverForeignObjects) {
     // is the length the kill delays spread over.
     for (int i = 0; i < 2; ++i) {
         Library& library = libraries[i];
-        library.fingerprint = readFile(library.root / ".quor-stdlib-fingerprint").substr(0, 64);
+        library.fingerprint =
+            readFile(library.root / ".quor-stdlib-fingerprint", Unreadable::Throw).substr(0, 64);
         const fs::path reference = scratch.path() / ("reference-" + std::to_string(i));
         const ToolRun clean = runTool(arguments(library, reference, false), log);
         ASSERT_EQ(clean.status, 0) << clean.output;
@@ -122,12 +125,12 @@ TEST(IncrementalCrashTest, KilledSwitchesNeverLeaveAMarkerOverForeignObjects) {
         const pid_t child = startTool(arguments(target, cache, force), log);
         std::this_thread::sleep_for(delay);
         ::kill(child, SIGKILL);
-        const int status = waitFor(child);
+        const int status = waitForChild(child);
         if (status == 128 + SIGKILL) {
             ++killed;
             readyAfterKill += markerValid(cache, target.fingerprint) ? 1 : 0;
         } else {
-            ASSERT_EQ(status, 0) << "trial " << trial << ": " << readFile(log);
+            ASSERT_EQ(status, 0) << "trial " << trial << ": " << readFile(log, Unreadable::Throw);
             ++finished;
             ASSERT_TRUE(markerValid(cache, target.fingerprint)) << "trial " << trial;
         }

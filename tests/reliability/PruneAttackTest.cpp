@@ -52,12 +52,12 @@ std::string folderName(int index) {
 void populate(const fs::path& directory, const std::string& content) {
     fs::create_directories(directory);
     for (int i = 0; i < kTopFiles; ++i) {
-        writeFile(directory / fileName(i), content);
+        writeFile(directory / fileName(i), content, Parents::MustExist);
     }
     for (int f = 0; f < kFolders; ++f) {
         fs::create_directories(directory / folderName(f));
         for (int i = 0; i < kFolderFiles; ++i) {
-            writeFile(directory / folderName(f) / fileName(i), content);
+            writeFile(directory / folderName(f) / fileName(i), content, Parents::MustExist);
         }
     }
 }
@@ -67,7 +67,8 @@ int intactSentinels(const fs::path& outside) {
     int intact = 0;
     const auto check = [&](const fs::path& file) {
         std::error_code error;
-        if (fs::is_regular_file(fs::symlink_status(file, error)) && readFile(file) == "sentinel") {
+        if (fs::is_regular_file(fs::symlink_status(file, error)) &&
+            readFile(file, Unreadable::Throw) == "sentinel") {
             ++intact;
         }
     };
@@ -196,7 +197,7 @@ TEST(PruneAttack, SwappingTheVersionForALinkNeverDeletesOutsideTheRoot) {
         clear(version);
         populate(version, "old");
         fs::create_directories(state / "lib");
-        writeFile(state / "lib" / ".quor-stdlib-ready", "old marker");
+        writeFile(state / "lib" / ".quor-stdlib-ready", "old marker", Parents::MustExist);
         fs::create_directory_symlink(nested ? outside / folderName(1) : outside, decoy);
 
         std::string outcome;

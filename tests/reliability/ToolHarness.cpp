@@ -5,8 +5,8 @@
 
 #include "compiler/Compiler.h"
 #include "compiler/StandardLibraryCacheState.h"
-#include "tests/reliability/ReliabilitySupport.h"
 #include "quor/Config.h"
+#include "tests/reliability/ReliabilitySupport.h"
 
 #include <fcntl.h>
 #include <sys/wait.h>
@@ -78,7 +78,7 @@ std::string hexDigits(std::uint64_t seed) {
 
 std::string writeFingerprint(const fs::path& root, std::uint64_t seed) {
     const std::string fingerprint = hexDigits(seed);
-    writeFile(root / ".quor-stdlib-fingerprint", fingerprint + "\n");
+    writeFile(root / ".quor-stdlib-fingerprint", fingerprint + "\n", Parents::MustExist);
     return fingerprint;
 }
 
@@ -92,7 +92,8 @@ std::vector<fs::path> generateLibrary(const fs::path& root, unsigned units, std:
         const std::string name = (generic ? "Generic" : "Unit") + std::to_string(i);
         fs::create_directories(root / folder);
         const fs::path relative = fs::path(folder) / (name + ".qr");
-        writeFile(root / relative, unitText(folder, name, generic, unitBytes, random));
+        writeFile(root / relative, unitText(folder, name, generic, unitBytes, random),
+                  Parents::MustExist);
         if (!generic) {
             compiled.push_back(relative);
         }
@@ -126,22 +127,12 @@ pid_t startTool(const std::vector<std::string>& arguments, const fs::path& outpu
     return child;
 }
 
-int waitFor(pid_t pid) {
-    int status = 0;
-    while (::waitpid(pid, &status, 0) < 0) {
-        if (errno != EINTR) {
-            throw std::runtime_error("waitpid failed");
-        }
-    }
-    return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
-}
-
 ToolRun runTool(const std::vector<std::string>& arguments, const fs::path& scratchOutput) {
     std::error_code ignored;
     fs::remove(scratchOutput, ignored); // a missing file is what we want
     ToolRun run;
-    run.status = waitFor(startTool(arguments, scratchOutput));
-    run.output = readFile(scratchOutput);
+    run.status = waitForChild(startTool(arguments, scratchOutput));
+    run.output = readFile(scratchOutput, Unreadable::Throw);
     return run;
 }
 
@@ -159,7 +150,7 @@ Tree snapshot(const fs::path& root, bool (*skip)(const std::string& name)) {
         const std::string relative = entry->path().lexically_relative(root).string();
         const fs::file_status status = entry->symlink_status();
         if (fs::is_regular_file(status)) {
-            tree[relative] = readFile(entry->path());
+            tree[relative] = readFile(entry->path(), Unreadable::Throw);
         } else if (fs::is_symlink(status)) {
             tree[relative] = "<link>";
         } else if (fs::is_directory(status)) {

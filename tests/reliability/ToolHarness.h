@@ -44,9 +44,6 @@ struct ToolRun {
 ToolRun runTool(const std::vector<std::string>& arguments,
                 const std::filesystem::path& scratchOutput);
 
-// Waits for `pid` and returns its exit status, or 128 + signal.
-int waitFor(pid_t pid);
-
 // Every entry below `root` (relative path -> content), skipping those for
 // which `skip` of their name is true. Directories, symbolic links and special
 // files are listed with a content that says what they are.

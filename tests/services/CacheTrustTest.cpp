@@ -9,7 +9,7 @@
 #include "quor/Config.h"
 #include "tests/services/ServicesTestSupport.h"
 
-#include "ChildChecks.h"
+#include "tests/support/ChildChecks.h"
 
 #include <gtest/gtest.h>
 
@@ -40,16 +40,6 @@ std::string refusal(const std::function<void()>& call) {
         return error.what();
     }
     return "no refusal";
-}
-
-// The message of the std::runtime_error `call` throws, or "no failure".
-std::string failureOf(const std::function<void()>& call) {
-    try {
-        call();
-    } catch (const std::runtime_error& error) {
-        return error.what();
-    }
-    return "no failure";
 }
 
 class CacheTrustTest : public ::testing::Test {
@@ -335,7 +325,7 @@ protected:
 };
 
 TEST_F(RemovedDuringTheBuild, RemovalAfterTheLastUnitFailsTheBuildAndLeavesNoMarker) {
-    EXPECT_EQ(failureOf([&] {
+    EXPECT_EQ(runtimeErrorOf([&] {
                   StandardLibraryBootstrap::ensure(
                       [&](const compiler::StandardLibraryBootstrapProgress& p) {
                           if (p.stage == compiler::StandardLibraryBootstrapStage::Compiling &&
@@ -350,7 +340,7 @@ TEST_F(RemovedDuringTheBuild, RemovalAfterTheLastUnitFailsTheBuildAndLeavesNoMar
 TEST_F(RemovedDuringTheBuild, RemovalBeforeTheUnitsAreCompiledFailsTheBuild) {
     Compiler::ensureObjectAbiCacheCurrent();
     fs::remove_all(root() / QUOR_COMPILER_VERSION);
-    EXPECT_EQ(failureOf([&] {
+    EXPECT_EQ(runtimeErrorOf([&] {
                   Compiler::precompileSources({(library() / "core" / "Int.qr").native()}, nullptr,
                                               {});
               }),
@@ -369,7 +359,7 @@ TEST_F(RemovedDuringTheBuild, ACacheRemovedAndCreatedAgainBeforeThePrecompilerSt
     writeFile(again / ".quor-object-abi", std::to_string(Compiler::objectAbiVersion()) + "\n");
     fs::remove_all(lib());
     fs::rename(again, lib());
-    EXPECT_EQ(failureOf([&] {
+    EXPECT_EQ(runtimeErrorOf([&] {
                   Compiler::precompileSources({(library() / "core" / "Int.qr").native()}, nullptr,
                                               {});
               }),
@@ -383,7 +373,7 @@ TEST_F(RemovedDuringTheBuild, ACacheRemovedAndCreatedAgainBeforeThePrecompilerSt
 TEST_F(RemovedDuringTheBuild, AnAbiRecordRewrittenBeforeThePrecompilerStartsIsRefused) {
     Compiler::ensureObjectAbiCacheCurrent();
     writeFile(lib() / ".quor-object-abi", std::to_string(Compiler::objectAbiVersion() - 1) + "\n");
-    EXPECT_EQ(failureOf([&] {
+    EXPECT_EQ(runtimeErrorOf([&] {
                   Compiler::precompileSources({(library() / "core" / "Int.qr").native()}, nullptr,
                                               {});
               }),
@@ -392,7 +382,7 @@ TEST_F(RemovedDuringTheBuild, AnAbiRecordRewrittenBeforeThePrecompilerStartsIsRe
 }
 
 TEST_F(RemovedDuringTheBuild, AnAbiRecordRewrittenAfterTheLastUnitFailsTheBuildAndLeavesNoMarker) {
-    EXPECT_EQ(failureOf([&] {
+    EXPECT_EQ(runtimeErrorOf([&] {
                   StandardLibraryBootstrap::ensure(
                       [&](const compiler::StandardLibraryBootstrapProgress& p) {
                           if (p.stage == compiler::StandardLibraryBootstrapStage::Compiling &&

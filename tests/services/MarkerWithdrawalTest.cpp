@@ -66,12 +66,7 @@ protected:
 
     std::string failureOfEnsure(
         const std::function<void(const StandardLibraryBootstrapProgress&)>& progress = {}) {
-        try {
-            StandardLibraryBootstrap::ensure(progress);
-        } catch (const std::runtime_error& error) {
-            return error.what();
-        }
-        return "no failure";
+        return runtimeErrorOf([&] { StandardLibraryBootstrap::ensure(progress); });
     }
 
     TemporaryDirectory directory_;

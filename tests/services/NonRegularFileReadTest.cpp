@@ -8,9 +8,9 @@
 #include "compiler/Runtime.h"
 #include "compiler/SourceManager.h"
 #include "compiler/StandardLibraryBootstrap.h"
-#include "tests/services/ChildProcess.h"
-#include "tests/services/ServicesTestSupport.h"
 #include "quor/Config.h"
+#include "tests/services/ServicesTestSupport.h"
+#include "tests/support/Processes.h"
 
 #include <gtest/gtest.h>
 
@@ -169,7 +169,7 @@ TEST_F(NonRegularFileRead, ARegularRecordStillKeepsTheCache) {
 }
 
 class OddMarkerInTheUnit : public NonRegularFileRead,
-                               public testing::WithParamInterface<std::string> {
+                           public testing::WithParamInterface<std::string> {
 protected:
     void makeMarker() {
         const std::string& kind = GetParam();

@@ -54,13 +54,8 @@ protected:
 
     // The message of the runtime_error that compiling one unit with `text` throws.
     std::string failureOf(const std::string& text, const std::string& name = "core/Bad.qr") {
-        std::string source = add(name, text);
-        try {
-            compile({source}, 1);
-        } catch (const std::runtime_error& error) {
-            return error.what();
-        }
-        return "no error";
+        const std::string source = add(name, text);
+        return runtimeErrorOf([&] { compile({source}, 1); });
     }
 
     struct Report {

@@ -1,15 +1,11 @@
-// Test helpers; see ServicesTestSupport.h.
+// Helpers of the service tests alone; see ServicesTestSupport.h.
 
 #include "tests/services/ServicesTestSupport.h"
 
-#include <gtest/gtest.h>
-
 #include <cerrno>
 #include <climits>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <fstream>
 #include <poll.h>
 #include <sstream>
 #include <sys/fanotify.h>
@@ -18,78 +14,6 @@
 #include <unistd.h>
 
 namespace quor::test {
-
-TemporaryDirectory::TemporaryDirectory() {
-    std::string pattern = (fs::temp_directory_path() / "quor-services-XXXXXX").native();
-    char* made = ::mkdtemp(pattern.data());
-    if (made == nullptr) {
-        throw std::runtime_error("mkdtemp failed");
-    }
-    path_ = made;
-}
-
-TemporaryDirectory::~TemporaryDirectory() {
-    std::error_code error;
-    fs::remove_all(path_, error); // a leftover temporary directory harms no later test
-}
-
-void writeFile(const fs::path& path, const std::string& text) {
-    std::error_code error;
-    fs::create_directories(path.parent_path(), error);
-    ASSERT_FALSE(error) << error.message();
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << text;
-    out.close();
-    ASSERT_TRUE(out.good()) << path;
-}
-
-std::string readFile(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-std::map<std::string, std::string> snapshotTree(const fs::path& root) {
-    std::map<std::string, std::string> files;
-    for (const auto& entry : fs::recursive_directory_iterator(root)) {
-        if (entry.is_regular_file() && !entry.is_symlink()) {
-            files[entry.path().lexically_relative(root).generic_string()] = readFile(entry.path());
-        }
-    }
-    return files;
-}
-
-std::map<std::string, std::string> wholeTree(const fs::path& root) {
-    std::map<std::string, std::string> entries;
-    for (const auto& entry : fs::recursive_directory_iterator(root)) {
-        const std::string relative = entry.path().lexically_relative(root).generic_string();
-        const fs::file_status status = entry.symlink_status();
-        const std::string mode = std::to_string(static_cast<unsigned>(status.permissions()));
-        if (fs::is_symlink(status)) {
-            entries[relative] = "link -> " + fs::read_symlink(entry.path()).native();
-        } else if (fs::is_directory(status)) {
-            entries[relative] = "dir " + mode;
-        } else if (fs::is_regular_file(status)) {
-            entries[relative] = "file " + mode + " " + readFile(entry.path());
-        } else {
-            entries[relative] = "other " + mode;
-        }
-    }
-    return entries;
-}
-
-std::vector<std::string> findNames(const fs::path& root, const std::string& needle) {
-    std::vector<std::string> names;
-    std::error_code error;
-    for (fs::recursive_directory_iterator it(root, error), end; !error && it != end;
-         it.increment(error)) {
-        if (it->path().filename().native().find(needle) != std::string::npos) {
-            names.push_back(it->path().lexically_relative(root).generic_string());
-        }
-    }
-    return names;
-}
 
 namespace {
 
@@ -163,26 +87,6 @@ ScopedRuntime::ScopedRuntime(const compiler::RuntimeConfiguration& configuration
 
 ScopedRuntime::~ScopedRuntime() {
     compiler::Runtime::getInstance().configure({});
-}
-
-ScopedEnvironment::ScopedEnvironment(std::string name, const char* value) : name_(std::move(name)) {
-    if (const char* old = std::getenv(name_.c_str())) {
-        hadValue_ = true;
-        oldValue_ = old;
-    }
-    if (value == nullptr) {
-        ::unsetenv(name_.c_str());
-    } else {
-        ::setenv(name_.c_str(), value, 1);
-    }
-}
-
-ScopedEnvironment::~ScopedEnvironment() {
-    if (hadValue_) {
-        ::setenv(name_.c_str(), oldValue_.c_str(), 1);
-    } else {
-        ::unsetenv(name_.c_str());
-    }
 }
 
 OpenCounter::OpenCounter(const fs::path& root) {

@@ -1,12 +1,18 @@
-// Helpers shared by the service tests: temporary directories, whole-file reads
-// and writes, snapshots of directory trees, a scoped runtime configuration, an
+// Helpers of the service tests alone: a scoped runtime configuration, an
 // inotify-based counter of how often files are opened, live thread counts, and
-// a fanotify gate that holds opens until the test lets them through.
+// a fanotify gate that holds opens until the test lets them through. Scratch
+// directories, files, tree listings, the environment, failures and children
+// come from tests/support, named here once.
 
 #ifndef QUOR_TESTS_SERVICES_SERVICESTESTSUPPORT_H
 #define QUOR_TESTS_SERVICES_SERVICESTESTSUPPORT_H
 
 #include "compiler/Runtime.h"
+#include "tests/support/ChildChecks.h"
+#include "tests/support/Environment.h"
+#include "tests/support/Errors.h"
+#include "tests/support/Files.h"
+#include "tests/support/Processes.h"
 
 #include <atomic>
 #include <chrono>
@@ -23,36 +29,19 @@ namespace quor::test {
 
 namespace fs = std::filesystem;
 
-// A fresh directory under the system's temporary directory, removed with
-// everything in it when the object goes.
-class TemporaryDirectory {
-public:
-    TemporaryDirectory();
-    ~TemporaryDirectory();
-    TemporaryDirectory(const TemporaryDirectory&) = delete;
-    TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
-
-    const fs::path& path() const { return path_; }
-
-private:
-    fs::path path_;
-};
-
-// Creates the parent directories as needed. Fails the test on error.
-void writeFile(const fs::path& path, const std::string& text);
-std::string readFile(const fs::path& path);
-
-// Every regular file below `root` (relative path -> bytes), symbolic links and
-// directories left out.
-std::map<std::string, std::string> snapshotTree(const fs::path& root);
-
-// Every entry below `root`, relative path -> what it is: "dir", "link -> <target>",
-// "file <mode> <bytes>", or "other <mode>". Two trees with equal results hold the
-// same names, kinds, permissions and bytes.
-std::map<std::string, std::string> wholeTree(const fs::path& root);
-
-// Relative paths of every entry below `root` whose name contains `needle`.
-std::vector<std::string> findNames(const fs::path& root, const std::string& needle);
+// What the service tests take from tests/support.
+using testsupport::becomeNobody;
+using testsupport::ChildResult;
+using testsupport::findNames;
+using testsupport::giveToNobody;
+using testsupport::readFile;
+using testsupport::runInChild;
+using testsupport::runtimeErrorOf;
+using testsupport::ScopedEnvironment;
+using testsupport::snapshotTree;
+using testsupport::TemporaryDirectory;
+using testsupport::wholeTree;
+using testsupport::writeFile;
 
 // Whether thread `tid` of this process is still running: listed in
 // /proc/self/task and not yet on its way out (see liveTaskCount()).
@@ -74,20 +63,6 @@ public:
     ~ScopedRuntime();
     ScopedRuntime(const ScopedRuntime&) = delete;
     ScopedRuntime& operator=(const ScopedRuntime&) = delete;
-};
-
-// Sets or unsets one environment variable for the lifetime of the object.
-class ScopedEnvironment {
-public:
-    ScopedEnvironment(std::string name, const char* value);
-    ~ScopedEnvironment();
-    ScopedEnvironment(const ScopedEnvironment&) = delete;
-    ScopedEnvironment& operator=(const ScopedEnvironment&) = delete;
-
-private:
-    std::string name_;
-    bool hadValue_ = false;
-    std::string oldValue_;
 };
 
 // Counts IN_OPEN events, per file, for the files directly inside every

@@ -6,8 +6,8 @@
 #include "compiler/Compiler.h"
 #include "compiler/SourceManager.h"
 #include "quor/Config.h"
-#include "tests/services/ChildProcess.h"
 #include "tests/services/ServicesTestSupport.h"
+#include "tests/support/Processes.h"
 
 #include <gtest/gtest.h>
 

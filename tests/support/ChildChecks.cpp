@@ -1,6 +1,6 @@
 // Checks in a child process; see ChildChecks.h.
 
-#include "ChildChecks.h"
+#include "tests/support/ChildChecks.h"
 
 #include <fcntl.h>
 #include <grp.h>
@@ -10,6 +10,8 @@
 #include <cerrno>
 #include <cstring>
 #include <exception>
+#include <filesystem>
+#include <stdexcept>
 
 namespace quor::testsupport {
 
@@ -40,6 +42,29 @@ void becomeUser(uid_t uid) {
     const gid_t group = static_cast<gid_t>(uid);
     if (::setgroups(1, &group) != 0 || ::setgid(group) != 0 || ::setuid(uid) != 0) {
         failSetup("cannot become uid " + std::to_string(uid), errno, kCannotChangeUser);
+    }
+}
+
+bool becomeNobody(rlim_t processes, std::string& report) {
+    becomeUser(kNobody);
+    const rlimit limit{processes, processes};
+    if (::setrlimit(RLIMIT_NPROC, &limit) != 0) {
+        report += std::string("cannot set RLIMIT_NPROC: ") + std::strerror(errno) + "\n";
+        return false;
+    }
+    return true;
+}
+
+void giveToNobody(const std::string& path) {
+    namespace fs = std::filesystem;
+    if (::lchown(path.c_str(), kNobody, kNobody) != 0) {
+        throw std::runtime_error("lchown failed for " + path + ": " + std::strerror(errno));
+    }
+    for (const auto& entry : fs::recursive_directory_iterator(path)) {
+        if (::lchown(entry.path().c_str(), kNobody, kNobody) != 0) {
+            throw std::runtime_error("lchown failed for " + entry.path().native() + ": " +
+                                     std::strerror(errno));
+        }
     }
 }
 

@@ -19,6 +19,7 @@
 #ifndef QUOR_TESTS_SUPPORT_CHILDCHECKS_H
 #define QUOR_TESTS_SUPPORT_CHILDCHECKS_H
 
+#include <sys/resource.h>
 #include <sys/types.h>
 
 #include <functional>
@@ -44,6 +45,17 @@ void writeAll(int fd, std::string_view text);
 // (setgroups, setgid, setuid, in that order: each step needs the privilege the
 // next one gives up). Ends the child with kCannotChangeUser when a step fails.
 void becomeUser(uid_t uid);
+
+// In a child: becomeUser(kNobody), then RLIMIT_NPROC set to `processes`, which
+// only binds a user that is not root: the child can then start only that many
+// threads and processes. False, with the reason added to `report`, when the
+// limit cannot be set.
+bool becomeNobody(rlim_t processes, std::string& report);
+
+// Hands `path` and everything below it (links themselves, not their targets)
+// to uid and gid kNobody, so that a test can prepare what another user owns.
+// Throws std::runtime_error naming the entry that cannot be handed over.
+void giveToNobody(const std::string& path);
 
 // In a child: lowers RLIMIT_NOFILE to 256 and opens /dev/null until no
 // descriptor is left, so that the next open fails with EMFILE. Ends the child

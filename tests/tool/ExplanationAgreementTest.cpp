@@ -65,14 +65,9 @@ Build ensure(const Sandbox& sandbox) {
     return build;
 }
 
-std::string fileText(const fs::path& path) {
-    std::ifstream stream(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
-}
-
 void replaceWithFile(const fs::path& path, const std::string& bytes) {
     fs::remove_all(path);
-    std::ofstream(path, std::ios::binary) << bytes;
+    writeFile(path, bytes);
 }
 
 // A listening Unix socket bound at `path`; the descriptor is closed at once,
@@ -212,7 +207,7 @@ std::vector<Variant> markerVariants() {
 TEST(ExplanationAgreement, EveryMarkerIsJudgedByStatusAsTheBuildJudgesIt) {
     Sandbox sandbox;
     ASSERT_EQ(ensure(sandbox).status, 0);
-    const std::string good = fileText(sandbox.marker());
+    const std::string good = readFile(sandbox.marker());
     ASSERT_EQ(std::count(good.begin(), good.end(), '\n'), 5);
     std::set<std::string> verdicts;
     for (const Variant& variant : markerVariants()) {
@@ -319,7 +314,7 @@ TEST(ExplanationAgreement, EveryFingerprintFileGivesTheIdentityTheBuildCertifies
         const Build build = ensure(sandbox);
         ASSERT_EQ(build.status, 0) << build.err;
         // What the build certified is the identity status named.
-        const std::string marker = fileText(sandbox.marker());
+        const std::string marker = readFile(sandbox.marker());
         EXPECT_NE(marker.find("\nfingerprint=" + fingerprint + "\n"), std::string::npos) << marker;
         EXPECT_TRUE(statusOf(sandbox)["ready"].get<bool>());
     }

@@ -50,11 +50,6 @@ TEST(FailureKind, FollowsTheTypeNotTheWords) {
     EXPECT_EQ(failureKind(std::exception_ptr()), "internal");
 }
 
-std::string fileText(const fs::path& path) {
-    std::ifstream stream(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
-}
-
 // One message row of docs/errors.md: the message as printed (placeholders in
 // angle brackets) and its documented kind.
 struct DocumentedMessage {
@@ -64,7 +59,7 @@ struct DocumentedMessage {
 
 std::vector<DocumentedMessage> documentedMessages() {
     std::vector<DocumentedMessage> messages;
-    std::istringstream lines(fileText(fs::path(QUOR_SOURCE_DIR) / "docs" / "errors.md"));
+    std::istringstream lines(readFile(fs::path(QUOR_SOURCE_DIR) / "docs" / "errors.md"));
     bool inTable = false;
     const std::regex row(
         R"(^\| (?:every usage error is followed by )?`([^`]*)`[^|]*\| (`(\w+)`|—) \|)");
@@ -88,7 +83,7 @@ std::map<std::string, std::string> sources() {
              fs::recursive_directory_iterator(fs::path(QUOR_SOURCE_DIR) / folder))
             if (entry.path().extension() == ".cpp")
                 texts[entry.path().lexically_relative(QUOR_SOURCE_DIR).string()] =
-                    fileText(entry.path());
+                    readFile(entry.path());
     return texts;
 }
 

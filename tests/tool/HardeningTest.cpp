@@ -8,7 +8,7 @@
 #include "ToolTestSupport.h"
 #include "quor/Config.h"
 
-#include "ChildChecks.h"
+#include "tests/support/ChildChecks.h"
 
 #include <gtest/gtest.h>
 
@@ -16,18 +16,9 @@
 #include <nlohmann/json.hpp>
 
 #include <csignal>
-#include <cstring>
-#include <fcntl.h>
 #include <functional>
-#include <map>
-#include <poll.h>
 #include <pthread.h>
 #include <sstream>
-#include <sys/file.h>
-#include <sys/resource.h>
-#include <sys/wait.h>
-#include <thread>
-#include <unistd.h>
 
 namespace quor::tooltest {
 namespace {
@@ -52,129 +43,25 @@ struct Launch {
     std::vector<std::string> environment = {}; // "NAME=value", added to the cleaned one
     // Runs in the child just before exec; a non-zero result is its exit status.
     std::function<int()> inChild = {};
-    // Runs in the parent while the tool runs (Captured only): the tool's pid,
-    // its output descriptors, and what has been read of them so far.
-    std::function<void(pid_t, int outFd, int errFd, ToolRun&)> meanwhile = {};
+    // Runs in the parent while the tool runs (Captured only), with the tool
+    // as a running program whose output it may read and whom it may signal.
+    std::function<void(testsupport::Program&)> meanwhile = {};
 };
 
-std::vector<char*> pointers(std::vector<std::string>& texts) {
-    std::vector<char*> result;
-    for (auto& text : texts)
-        result.push_back(text.data());
-    result.push_back(nullptr);
-    return result;
-}
-
-int decodeStatus(int status) {
-    if (WIFEXITED(status))
-        return WEXITSTATUS(status);
-    if (WIFSIGNALED(status))
-        return 128 + WTERMSIG(status);
-    return -1;
-}
-
-// Reads both descriptors to their end (a negative one is skipped) and closes them.
-void drain(int outFd, int errFd, std::string& out, std::string& err) {
-    while (outFd >= 0 || errFd >= 0) {
-        pollfd fds[2] = {{outFd, POLLIN, 0}, {errFd, POLLIN, 0}};
-        if (poll(fds, 2, 120000) <= 0 && errno != EINTR)
-            break;
-        for (int i = 0; i < 2; ++i) {
-            int& fd = i == 0 ? outFd : errFd;
-            if (fd < 0 || fds[i].revents == 0)
-                continue;
-            char buffer[4096];
-            const ssize_t n = read(fd, buffer, sizeof buffer);
-            if (n > 0) {
-                (i == 0 ? out : err).append(buffer, static_cast<std::size_t>(n));
-            } else if (n == 0 || errno != EINTR) {
-                close(fd);
-                fd = -1;
-            }
-        }
-    }
-    if (outFd >= 0)
-        close(outFd);
-    if (errFd >= 0)
-        close(errFd);
-}
-
 ToolRun launch(const Launch& launch) {
-    std::vector<std::string> argumentText = {QUOR_STDLIB_TOOL_PATH};
-    argumentText.insert(argumentText.end(), launch.arguments.begin(), launch.arguments.end());
-    std::vector<std::string> environmentText = toolEnvironment(launch.home, launch.environment);
-    const std::vector<char*> argv = pointers(argumentText);
-    const std::vector<char*> envp = pointers(environmentText);
-
-    int outPipe[2] = {-1, -1}, errPipe[2] = {-1, -1};
-    if (launch.output != Output::AllClosed &&
-        (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0))
-        throw std::runtime_error("pipe failed");
-    if (launch.output == Output::ReaderGone) {
-        close(outPipe[0]);
-        outPipe[0] = -1;
+    ProgramOptions options = toolOptions(launch.arguments, launch.home, launch.environment);
+    options.inChild = launch.inChild;
+    options.streams = launch.output == Output::AllClosed    ? testsupport::Streams::AllClosed
+                      : launch.output == Output::ReaderGone ? testsupport::Streams::OutputReaderGone
+                                                            : testsupport::Streams::Captured;
+    testsupport::Program tool(options);
+    if (launch.meanwhile)
+        launch.meanwhile(tool);
+    if (launch.output == Output::FirstLineOnly) {
+        tool.readOutputLine(60s);
+        tool.closeOutput();
     }
-    const pid_t pid = fork();
-    if (pid < 0)
-        throw std::runtime_error("fork failed");
-    if (pid == 0) {
-        if (launch.output == Output::AllClosed) {
-            close(STDIN_FILENO);
-            close(STDOUT_FILENO);
-            close(STDERR_FILENO);
-        } else {
-            dup2(outPipe[1], STDOUT_FILENO);
-            dup2(errPipe[1], STDERR_FILENO);
-            const int devNull = open("/dev/null", O_RDONLY);
-            dup2(devNull, STDIN_FILENO);
-        }
-        if (launch.inChild)
-            if (const int status = launch.inChild(); status != 0)
-                _exit(status);
-        execve(argv[0], argv.data(), envp.data());
-        _exit(127);
-    }
-    ToolRun run;
-    if (launch.output != Output::AllClosed) {
-        close(outPipe[1]);
-        close(errPipe[1]);
-        if (launch.meanwhile)
-            launch.meanwhile(pid, outPipe[0], errPipe[0], run);
-        if (launch.output == Output::FirstLineOnly) {
-            char byte = 0;
-            while (read(outPipe[0], &byte, 1) == 1) {
-                run.out += byte;
-                if (byte == '\n')
-                    break;
-            }
-            close(outPipe[0]);
-            outPipe[0] = -1;
-        }
-        drain(outPipe[0], errPipe[0], run.out, run.err);
-    }
-    int status = 0;
-    if (waitpid(pid, &status, 0) == pid)
-        run.status = decodeStatus(status);
-    return run;
-}
-
-// Reads `fd` into `text` until `text` contains `needle`. False when the
-// stream ends first or a minute passes.
-bool readUntil(int fd, std::string& text, const std::string& needle) {
-    const auto deadline = std::chrono::steady_clock::now() + 60s;
-    while (text.find(needle) == std::string::npos) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
-        pollfd ready = {fd, POLLIN, 0};
-        if (left.count() <= 0 || poll(&ready, 1, static_cast<int>(left.count())) <= 0)
-            return false;
-        char buffer[4096];
-        const ssize_t n = read(fd, buffer, sizeof buffer);
-        if (n <= 0)
-            return false;
-        text.append(buffer, static_cast<std::size_t>(n));
-    }
-    return true;
+    return tool.finish();
 }
 
 // True when the cache is ready in the bootstrap's own judgement.
@@ -182,14 +69,10 @@ bool markerValid(const Sandbox& sandbox) {
     return runTool(sandbox.arguments({"status", "--check", "--quiet"}), sandbox.path()).status == 0;
 }
 
-// True when nobody holds the build lock: taking it without waiting succeeds.
+// True when the lock file is there and nobody holds the build lock: taking it
+// without waiting succeeds.
 bool lockFree(const Sandbox& sandbox) {
-    const int fd = open(sandbox.lockFile().c_str(), O_RDWR | O_CLOEXEC);
-    if (fd < 0)
-        return false;
-    const bool taken = flock(fd, LOCK_EX | LOCK_NB) == 0;
-    close(fd);
-    return taken;
+    return probeLock(sandbox.lockFile()) == LockState::Free;
 }
 
 // Enough units that a build at one worker is still running when a signal or
@@ -199,15 +82,6 @@ void addManyUnits(const Sandbox& sandbox, int count = 1500) {
         writeFile(sandbox.library() / "bulk" / ("Unit" + std::to_string(i) + ".qr"),
                   "package bulk\n\npublic class Unit" + std::to_string(i) +
                       " {\n    let value: Int\n}\n");
-}
-
-// Every regular file below `root`: its path relative to `root`, and its content.
-std::map<std::string, std::string> filesBelow(const fs::path& root) {
-    std::map<std::string, std::string> files;
-    for (const auto& entry : fs::recursive_directory_iterator(root))
-        if (entry.is_regular_file())
-            files[entry.path().lexically_relative(root).string()] = readFile(entry.path());
-    return files;
 }
 
 std::string lastLine(const std::string& text) {
@@ -235,7 +109,9 @@ TEST(ExitStatusHelp, ListsEveryStatusTheToolReturns) {
 TEST(ClosedStandardStreams, NoProgressTextEndsUpInTheCache) {
     Sandbox reference;
     ASSERT_EQ(runTool(reference.arguments({"ensure", "--quiet"}), reference.path()).status, 0);
-    const auto expected = filesBelow(reference.cacheRoot());
+    // Every entry with its kind, mode and bytes: the files, and also that no
+    // link or folder appears that a normal build does not make.
+    const auto expected = testsupport::wholeTree(reference.cacheRoot());
     ASSERT_TRUE(
         expected.contains(".first-launch/" QUOR_COMPILER_VERSION "/.stdlib-bootstrap-lib.lock"));
     ASSERT_TRUE(expected.contains(QUOR_COMPILER_VERSION "/lib/.quor-object-abi"));
@@ -248,7 +124,7 @@ TEST(ClosedStandardStreams, NoProgressTextEndsUpInTheCache) {
                                     .output = Output::AllClosed});
         ASSERT_EQ(run.status, 0);
         EXPECT_TRUE(markerValid(sandbox));
-        const auto files = filesBelow(sandbox.cacheRoot());
+        const auto files = testsupport::wholeTree(sandbox.cacheRoot());
         for (const auto& [name, content] : files) {
             EXPECT_EQ(content.find("quor-stdlib"), std::string::npos) << name;
             EXPECT_EQ(content.find("compiled "), std::string::npos) << name;
@@ -261,11 +137,7 @@ TEST(ClosedStandardStreams, NoProgressTextEndsUpInTheCache) {
 
 // --- no thread to be had ----------------------------------------------------
 
-void giveToNobody(const fs::path& root) {
-    ASSERT_EQ(lchown(root.c_str(), nobody, nobody), 0) << root;
-    for (const auto& entry : fs::recursive_directory_iterator(root))
-        ASSERT_EQ(lchown(entry.path().c_str(), nobody, nobody), 0) << entry.path();
-}
+using testsupport::giveToNobody;
 
 // Exit statuses of the child before exec, chosen outside the tool's own
 // (testsupport::kCannotChangeUser is too).
@@ -273,8 +145,8 @@ constexpr int cannotLimitProcesses = 91;
 constexpr int threadsStillStart = 92;
 
 // In the forked child: become nobody, or end with the reason on standard error.
-int becomeNobody() {
-    testsupport::becomeUser(testsupport::kNobody);
+int dropToNobody() {
+    testsupport::becomeUser(nobody);
     return 0;
 }
 
@@ -285,10 +157,8 @@ const std::vector<std::string> withoutThreadsEnvironment = {"ASAN_OPTIONS=detect
 // In the forked child: become nobody with room for no other thread, and
 // check that a thread really cannot be started any more.
 int becomeNobodyWithoutThreads() {
-    if (const int status = becomeNobody(); status != 0)
-        return status;
-    const rlimit one{1, 1};
-    if (setrlimit(RLIMIT_NPROC, &one) != 0)
+    std::string report; // the exit status says it all
+    if (!testsupport::becomeNobody(1, report))
         return cannotLimitProcesses;
     pthread_t thread;
     if (pthread_create(
@@ -314,7 +184,7 @@ TEST(NoThreads, EnsureBuildsOnTheCallingThread) {
     // Asked as its owner: the cache belongs to nobody, and root would not trust it.
     const ToolRun check = launch({.arguments = sandbox.arguments({"status", "--check", "--quiet"}),
                                   .home = sandbox.path(),
-                                  .inChild = becomeNobody});
+                                  .inChild = dropToNobody});
     EXPECT_EQ(check.status, 0) << check.err;
     EXPECT_TRUE(
         run.out.starts_with("built " + std::to_string(Sandbox::compilableUnits) + " units in "))
@@ -385,9 +255,9 @@ TEST(NoThreads, SigtermStillEndsTheLockWait) {
                                 .home = sandbox.path(),
                                 .environment = withoutThreadsEnvironment,
                                 .inChild = becomeNobodyWithoutThreads,
-                                .meanwhile = [&waiting](pid_t pid, int, int errFd, ToolRun& run) {
-                                    waiting = readUntil(errFd, run.err, "waiting for");
-                                    kill(pid, SIGTERM);
+                                .meanwhile = [&waiting](testsupport::Program& tool) {
+                                    waiting = tool.waitForError("waiting for", 60s);
+                                    kill(tool.pid(), SIGTERM);
                                 }});
     ASSERT_NE(run.status, threadsStillStart) << "RLIMIT_NPROC did not stop thread creation";
     EXPECT_TRUE(waiting) << run.err;
@@ -407,9 +277,9 @@ TEST(NoThreads, SigtermStopsTheBuildAtTheNextUnit) {
                                 .home = sandbox.path(),
                                 .environment = withoutThreadsEnvironment,
                                 .inChild = becomeNobodyWithoutThreads,
-                                .meanwhile = [&compiling](pid_t pid, int outFd, int, ToolRun& run) {
-                                    compiling = readUntil(outFd, run.out, "\"Compiling\"");
-                                    kill(pid, SIGTERM);
+                                .meanwhile = [&compiling](testsupport::Program& tool) {
+                                    compiling = tool.waitForOutput("\"Compiling\"", 60s);
+                                    kill(tool.pid(), SIGTERM);
                                 }});
     ASSERT_NE(run.status, threadsStillStart) << "RLIMIT_NPROC did not stop thread creation";
     EXPECT_TRUE(compiling) << run.err;
@@ -677,49 +547,10 @@ TEST(TerminalInjection, UnitNamesInTheProgressAreEscaped) {
     EXPECT_EQ(screen.out.find("\033[2J"), std::string::npos) << screen.out;
 }
 
-// Holds an exclusive flock on `file` in a process whose command line begins
-// with `name`: a child that takes the lock, then becomes `sleep` under that name.
-class NamedLockHolder {
-public:
-    NamedLockHolder(const fs::path& file, const std::string& name) {
-        fs::create_directories(file.parent_path());
-        std::string nameText = name, seconds = "120";
-        char* const argv[] = {nameText.data(), seconds.data(), nullptr};
-        pid_ = fork();
-        if (pid_ < 0)
-            throw std::runtime_error("fork failed");
-        if (pid_ == 0) {
-            const int fd = open(file.c_str(), O_RDWR | O_CREAT, 0600); // kept across exec
-            if (fd < 0 || flock(fd, LOCK_EX) != 0)
-                _exit(1);
-            execv("/bin/sleep", argv);
-            _exit(127);
-        }
-        // Until the exec has happened, the command line is still this test's.
-        const auto deadline = std::chrono::steady_clock::now() + 10s;
-        while (!readFile("/proc/" + std::to_string(pid_) + "/cmdline").starts_with(name)) {
-            if (std::chrono::steady_clock::now() > deadline)
-                throw std::runtime_error("the named lock holder did not start");
-            std::this_thread::sleep_for(5ms);
-        }
-        // And the lock is taken before the exec.
-    }
-    ~NamedLockHolder() {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-    }
-    NamedLockHolder(const NamedLockHolder&) = delete;
-    NamedLockHolder& operator=(const NamedLockHolder&) = delete;
-
-    pid_t pid() const { return pid_; }
-
-private:
-    pid_t pid_ = -1;
-};
-
 TEST(TerminalInjection, TheHoldersCommandLineIsEscaped) {
     Sandbox sandbox;
-    NamedLockHolder holder(sandbox.lockFile(), "holder\033]0;owned\007\033[2J");
+    // The holder becomes `sleep` under this name, its command line shown by the tool.
+    LockHolderProcess holder(sandbox.lockFile(), "holder\033]0;owned\007\033[2J");
     const ToolRun run = runTool(sandbox.arguments({"ensure", "--timeout", "1"}), sandbox.path());
     EXPECT_EQ(run.status, 124) << run.err;
     EXPECT_FALSE(hasTerminalControls(run.err)) << run.err;

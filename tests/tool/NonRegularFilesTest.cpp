@@ -15,17 +15,11 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
-
-#ifndef QUOR_STDLIB_TOOL_PATH
-#error "QUOR_STDLIB_TOOL_PATH must name the built tool"
-#endif
 
 namespace quor::tooltest {
 namespace {
@@ -39,119 +33,23 @@ constexpr auto deadline = std::chrono::seconds(20);
 constexpr long peakMemoryLimitKiB = 100 * 1024;
 constexpr off_t hugeFileSize = off_t{1} << 30;
 
-struct BoundedRun {
-    int status = -1; // exit status, or 128 + signal number
-    bool killed = false;
-    long peakKiB = 0;
-    double seconds = 0.0;
-    std::string out;
-    std::string err;
-};
-
-std::ostream& operator<<(std::ostream& stream, const BoundedRun& run) {
-    return stream << "status " << run.status << (run.killed ? " (killed at the deadline)" : "")
-                  << ", " << run.peakKiB << " KiB, " << run.seconds << " s\nstdout:\n"
-                  << run.out << "\nstderr:\n"
-                  << run.err;
-}
-
 // Runs the tool with `arguments` on the sandbox, with standard input from
 // /dev/null and the same clean environment as the other tool tests. A tool
 // still running at the deadline is killed.
-BoundedRun runBounded(const Sandbox& sandbox, std::vector<std::string> arguments) {
-    std::vector<std::string> argumentText = {QUOR_STDLIB_TOOL_PATH};
-    for (std::string& argument : sandbox.arguments(std::move(arguments)))
-        argumentText.push_back(std::move(argument));
-    std::vector<std::string> environmentText = toolEnvironment(sandbox.path());
-    std::vector<char*> argv;
-    for (std::string& text : argumentText)
-        argv.push_back(text.data());
-    argv.push_back(nullptr);
-    std::vector<char*> envp;
-    for (std::string& text : environmentText)
-        envp.push_back(text.data());
-    envp.push_back(nullptr);
-
-    int outPipe[2];
-    int errPipe[2];
-    if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0)
-        throw std::runtime_error("pipe failed");
-    const auto started = std::chrono::steady_clock::now();
-    const pid_t pid = fork();
-    if (pid < 0)
-        throw std::runtime_error("fork failed");
-    if (pid == 0) {
-        dup2(outPipe[1], STDOUT_FILENO);
-        dup2(errPipe[1], STDERR_FILENO);
-        const int devNull = open("/dev/null", O_RDONLY);
-        dup2(devNull, STDIN_FILENO);
-        execve(argv[0], argv.data(), envp.data());
-        _exit(127);
-    }
-    close(outPipe[1]);
-    close(errPipe[1]);
-
-    BoundedRun run;
-    int fds[2] = {outPipe[0], errPipe[0]};
-    const auto stopAt = started + deadline;
-    while (fds[0] >= 0 || fds[1] >= 0) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            stopAt - std::chrono::steady_clock::now());
-        if (left.count() <= 0) {
-            kill(pid, SIGKILL);
-            run.killed = true;
-            break;
-        }
-        pollfd polled[2] = {{fds[0], POLLIN, 0}, {fds[1], POLLIN, 0}};
-        if (poll(polled, 2, static_cast<int>(left.count())) < 0 && errno != EINTR)
-            break;
-        for (int i = 0; i < 2; ++i) {
-            if (fds[i] < 0 || polled[i].revents == 0)
-                continue;
-            char buffer[4096];
-            const ssize_t count = read(fds[i], buffer, sizeof buffer);
-            if (count > 0) {
-                (i == 0 ? run.out : run.err).append(buffer, static_cast<std::size_t>(count));
-            } else if (count == 0 || errno != EINTR) {
-                close(fds[i]);
-                fds[i] = -1;
-            }
-        }
-    }
-    for (int fd : fds)
-        if (fd >= 0)
-            close(fd);
-    // The streams are closed; a tool that closed them and went on running is
-    // still held to the deadline.
-    int status = 0;
-    rusage usage{};
-    while (true) {
-        const pid_t done = wait4(pid, &status, WNOHANG, &usage);
-        if (done == pid)
-            break;
-        if (std::chrono::steady_clock::now() >= stopAt && !run.killed) {
-            kill(pid, SIGKILL);
-            run.killed = true;
-        }
-        usleep(10000);
-    }
-    run.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-    run.peakKiB = usage.ru_maxrss;
-    if (WIFEXITED(status))
-        run.status = WEXITSTATUS(status);
-    else if (WIFSIGNALED(status))
-        run.status = 128 + WTERMSIG(status);
-    return run;
+ToolRun runBounded(const Sandbox& sandbox, std::vector<std::string> arguments) {
+    ProgramOptions options = toolOptions(sandbox.arguments(std::move(arguments)), sandbox.path());
+    options.deadline = deadline;
+    return runProgram(options);
 }
 
 // The run finished by itself, fast, in bounded memory.
-void expectPrompt(const BoundedRun& run) {
+void expectPrompt(const ToolRun& run) {
     EXPECT_FALSE(run.killed) << run;
     EXPECT_LT(run.peakKiB, peakMemoryLimitKiB) << run;
 }
 
 json statusJson(const Sandbox& sandbox) {
-    const BoundedRun run = runBounded(sandbox, {"status", "--json"});
+    const ToolRun run = runBounded(sandbox, {"status", "--json"});
     expectPrompt(run);
     EXPECT_EQ(run.status, 0) << run;
     try {
@@ -163,13 +61,13 @@ json statusJson(const Sandbox& sandbox) {
 }
 
 int checkStatus(const Sandbox& sandbox) {
-    const BoundedRun run = runBounded(sandbox, {"status", "--check", "--quiet"});
+    const ToolRun run = runBounded(sandbox, {"status", "--check", "--quiet"});
     expectPrompt(run);
     return run.status;
 }
 
 void ensureSucceeds(const Sandbox& sandbox) {
-    const BoundedRun run = runBounded(sandbox, {"ensure", "--quiet"});
+    const ToolRun run = runBounded(sandbox, {"ensure", "--quiet"});
     expectPrompt(run);
     EXPECT_EQ(run.status, 0) << run;
 }
@@ -229,7 +127,7 @@ TEST(OddMarker, AFifoReadsAsUnreadableAndEnsureReplacesIt) {
     Sandbox sandbox;
     makeFifo(sandbox.marker());
     expectNotReady(sandbox, "unreadable", "the marker is not a regular file (a FIFO)");
-    const BoundedRun text = runBounded(sandbox, {"status"});
+    const ToolRun text = runBounded(sandbox, {"status"});
     expectPrompt(text);
     EXPECT_NE(text.out.find("not ready: the marker is not a regular file (a FIFO)"),
               std::string::npos)
@@ -282,7 +180,7 @@ TEST(OddMarker, ASaneMarkerKeepsItsVerdict) {
     ensureSucceeds(sandbox);
     expectCertified(sandbox);
     const std::string certified = readFile(sandbox.marker());
-    const BoundedRun again = runBounded(sandbox, {"ensure"});
+    const ToolRun again = runBounded(sandbox, {"ensure"});
     expectPrompt(again);
     EXPECT_EQ(again.status, 0) << again;
     EXPECT_NE(again.out.find("already up to date"), std::string::npos) << again;

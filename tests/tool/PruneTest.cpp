@@ -6,6 +6,8 @@
 #include "ToolTestSupport.h"
 #include "quor/Config.h"
 
+#include "tests/support/ChildChecks.h"
+
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
@@ -221,56 +223,24 @@ TEST_F(PruneCommand, AfterCtrlCTheNextPruneFinishesTheJob) {
     expectUntouched();
 }
 
-constexpr uid_t nobody = 65534;
+constexpr uid_t nobody = testsupport::kNobody;
 
-// Runs the tool as uid 65534 from a child that drops root's privileges first,
-// so that what root could delete anyway is refused. The child hands back the
-// exit status and standard error.
+// Runs the tool as uid 65534, the child dropping root's privileges before the
+// exec, so that what root could delete anyway is refused.
 ToolRun runToolAsNobody(const std::vector<std::string>& arguments, const fs::path& home) {
-    int channel[2];
-    if (pipe(channel) != 0)
-        throw std::runtime_error("pipe failed");
-    const pid_t pid = fork();
-    if (pid < 0)
-        throw std::runtime_error("fork failed");
-    if (pid == 0) {
-        close(channel[0]);
-        if (setgroups(0, nullptr) != 0 || setgid(nobody) != 0 || setuid(nobody) != 0)
-            _exit(90);
-        const ToolRun run = runTool(arguments, home);
-        const std::string text = std::to_string(run.status) + "\n" + run.err;
-        for (std::size_t written = 0; written < text.size();) {
-            const ssize_t count = write(channel[1], text.data() + written, text.size() - written);
-            if (count <= 0)
-                _exit(91);
-            written += static_cast<std::size_t>(count);
-        }
-        _exit(0);
-    }
-    close(channel[1]);
-    std::string text;
-    char buffer[4096];
-    for (ssize_t count; (count = read(channel[0], buffer, sizeof buffer)) > 0;)
-        text.append(buffer, static_cast<std::size_t>(count));
-    close(channel[0]);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
-        throw std::runtime_error("the child running the tool as nobody failed");
-    ToolRun run;
-    const auto newline = text.find('\n');
-    run.status = std::stoi(text.substr(0, newline));
-    run.err = text.substr(newline + 1);
-    return run;
+    ProgramOptions options = toolOptions(arguments, home);
+    options.inChild = [] {
+        testsupport::becomeUser(nobody);
+        return 0;
+    };
+    return runProgram(options);
 }
 
 // A file that the user may not delete stops the removal where it stands, and
 // the bootstrap reports it in its own words: the version before it is gone
 // with its first-launch state, this one keeps its first-launch state.
 TEST_F(PruneCommand, AFileThatCannotBeDeletedStopsTheRemovalInTheBootstrapsWords) {
-    for (const auto& entry : fs::recursive_directory_iterator(sandbox.path()))
-        ASSERT_EQ(lchown(entry.path().c_str(), nobody, nobody), 0) << entry.path();
-    ASSERT_EQ(lchown(sandbox.path().c_str(), nobody, nobody), 0);
+    testsupport::giveToNobody(sandbox.path());
     const fs::path locked = sandbox.cacheRoot() / "0.1.5" / "lib" / "locked";
     writeFile(locked / "object.qo", "root's");
     const ToolRun run = runToolAsNobody(sandbox.arguments({"prune"}), sandbox.path());

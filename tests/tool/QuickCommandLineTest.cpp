@@ -4,6 +4,7 @@
 
 #include "QuickCommandLine.h"
 #include "Commands.h"
+#include "tests/support/Environment.h"
 
 #include <gtest/gtest.h>
 
@@ -21,23 +22,11 @@ std::optional<QuickCommand> parse(const std::vector<const char*>& words) {
     return parseQuickCommandLine(words);
 }
 
-// Unsets QUOR_JOBS for one test and restores it afterwards.
+// Unsets QUOR_JOBS for one test and restores it afterwards, whatever the test
+// set it to meanwhile.
 class QuickCommandLine : public ::testing::Test {
-protected:
-    void SetUp() override {
-        if (const char* jobs = std::getenv("QUOR_JOBS"))
-            savedJobs_ = jobs;
-        ::unsetenv("QUOR_JOBS");
-    }
-    void TearDown() override {
-        if (savedJobs_)
-            ::setenv("QUOR_JOBS", savedJobs_->c_str(), 1);
-        else
-            ::unsetenv("QUOR_JOBS");
-    }
-
 private:
-    std::optional<std::string> savedJobs_;
+    testsupport::ScopedEnvironment jobs_{"QUOR_JOBS", nullptr};
 };
 
 TEST_F(QuickCommandLine, TakesEnsureWithTheGlobalOptionsOnEitherSide) {

@@ -1,6 +1,6 @@
-// Process plumbing for the quor-stdlib tests. Children exec the built tool
-// directly, with a cleaned environment, so that the caller's QUOR_* settings
-// and the caller's home cache never leak into a test.
+// The quor-stdlib tests' sandbox and their way of running the tool. Children
+// exec the built tool directly, with a cleaned environment, so that the
+// caller's QUOR_* settings and the caller's home cache never leak into a test.
 
 #include "ToolTestSupport.h"
 #include "quor/Config.h"
@@ -9,15 +9,8 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
-#include <cstring>
-#include <fcntl.h>
-#include <fstream>
-#include <poll.h>
 #include <pty.h>
-#include <signal.h>
 #include <sstream>
-#include <sys/file.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -38,9 +31,8 @@ struct ExecArguments {
     std::vector<char*> argv;
     std::vector<char*> envp;
 
-    ExecArguments(const std::vector<std::string>& arguments, const fs::path& home,
-                  const std::vector<std::string>& extra = {})
-        : environmentText(toolEnvironment(home, extra)) {
+    ExecArguments(const std::vector<std::string>& arguments, const fs::path& home)
+        : environmentText(toolEnvironment(home)) {
         argumentText.push_back(QUOR_STDLIB_TOOL_PATH);
         argumentText.insert(argumentText.end(), arguments.begin(), arguments.end());
         for (auto& text : argumentText)
@@ -51,14 +43,6 @@ struct ExecArguments {
         envp.push_back(nullptr);
     }
 };
-
-int decodeStatus(int status) {
-    if (WIFEXITED(status))
-        return WEXITSTATUS(status);
-    if (WIFSIGNALED(status))
-        return 128 + WTERMSIG(status);
-    return -1;
-}
 
 } // namespace
 
@@ -84,25 +68,7 @@ std::vector<std::string> toolEnvironment(const fs::path& home,
     return result;
 }
 
-void writeFile(const fs::path& path, const std::string& text) {
-    fs::create_directories(path.parent_path());
-    std::ofstream stream(path, std::ios::binary | std::ios::trunc);
-    stream << text;
-    ASSERT_TRUE(stream.good()) << "cannot write " << path;
-}
-
-std::string readFile(const fs::path& path) {
-    std::ifstream stream(path, std::ios::binary);
-    std::ostringstream text;
-    text << stream.rdbuf();
-    return text.str();
-}
-
 Sandbox::Sandbox() {
-    std::string pattern = (fs::temp_directory_path() / "quor-tool-test-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr)
-        throw std::runtime_error("mkdtemp failed: " + std::string(std::strerror(errno)));
-    path_ = pattern;
     const fs::path lib = library();
     writeFile(lib / "Prelude.qr", "public fn identity(value: Int) -> Int {\n"
                                   "    return value\n"
@@ -120,10 +86,7 @@ Sandbox::Sandbox() {
     fs::create_directories(cacheRoot());
 }
 
-Sandbox::~Sandbox() {
-    std::error_code ignored; // a leftover temporary directory is harmless
-    fs::remove_all(path_, ignored);
-}
+Sandbox::~Sandbox() = default;
 
 fs::path Sandbox::stateDirectory() const {
     return cacheRoot() / ".first-launch" / QUOR_COMPILER_VERSION / "lib";
@@ -140,101 +103,18 @@ std::vector<std::string> Sandbox::arguments(std::vector<std::string> arguments) 
     return result;
 }
 
+ProgramOptions toolOptions(const std::vector<std::string>& arguments, const fs::path& home,
+                           const std::vector<std::string>& extra) {
+    ProgramOptions options;
+    options.arguments.push_back(QUOR_STDLIB_TOOL_PATH);
+    options.arguments.insert(options.arguments.end(), arguments.begin(), arguments.end());
+    options.environment = toolEnvironment(home, extra);
+    return options;
+}
+
 ToolRun runTool(const std::vector<std::string>& arguments, const fs::path& home,
                 const std::vector<std::string>& extra) {
-    ToolProcess process(arguments, home, extra);
-    return process.finish();
-}
-
-ToolProcess::ToolProcess(const std::vector<std::string>& arguments, const fs::path& home,
-                         const std::vector<std::string>& extra) {
-    ExecArguments exec(arguments, home, extra);
-    int outPipe[2], errPipe[2];
-    if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0)
-        throw std::runtime_error("pipe failed");
-    started_ = std::chrono::steady_clock::now();
-    pid_ = fork();
-    if (pid_ < 0)
-        throw std::runtime_error("fork failed");
-    if (pid_ == 0) {
-        dup2(outPipe[1], STDOUT_FILENO);
-        dup2(errPipe[1], STDERR_FILENO);
-        const int devNull = open("/dev/null", O_RDONLY);
-        dup2(devNull, STDIN_FILENO);
-        execve(exec.argv[0], exec.argv.data(), exec.envp.data());
-        _exit(127);
-    }
-    close(outPipe[1]);
-    close(errPipe[1]);
-    outFd_ = outPipe[0];
-    errFd_ = errPipe[0];
-}
-
-ToolProcess::~ToolProcess() {
-    if (pid_ > 0) {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-    }
-    if (outFd_ >= 0)
-        close(outFd_);
-    if (errFd_ >= 0)
-        close(errFd_);
-}
-
-double ToolProcess::secondsSinceStart() const {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - started_).count();
-}
-
-bool ToolProcess::pump(std::chrono::milliseconds limit, const std::string* needle, bool inError) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (true) {
-        const std::string& haystack = inError ? err_ : out_;
-        if (needle != nullptr && haystack.find(*needle) != std::string::npos)
-            return true;
-        if (outFd_ < 0 && errFd_ < 0)
-            return needle == nullptr;
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0)
-            return false;
-        pollfd fds[2] = {{outFd_, POLLIN, 0}, {errFd_, POLLIN, 0}};
-        if (poll(fds, 2, static_cast<int>(left.count())) < 0 && errno != EINTR)
-            return false;
-        for (int i = 0; i < 2; ++i) {
-            if (fds[i].fd < 0 || fds[i].revents == 0)
-                continue;
-            char buffer[4096];
-            const ssize_t n = read(fds[i].fd, buffer, sizeof buffer);
-            int& fd = i == 0 ? outFd_ : errFd_;
-            if (n > 0) {
-                (i == 0 ? out_ : err_).append(buffer, static_cast<std::size_t>(n));
-            } else if (n == 0 || errno != EINTR) {
-                close(fd);
-                fd = -1;
-            }
-        }
-    }
-}
-
-bool ToolProcess::waitForError(const std::string& needle, std::chrono::milliseconds limit) {
-    return pump(limit, &needle, true);
-}
-
-bool ToolProcess::waitForOutput(const std::string& needle, std::chrono::milliseconds limit) {
-    return pump(limit, &needle, false);
-}
-
-ToolRun ToolProcess::finish() {
-    pump(std::chrono::minutes(2), nullptr, true);
-    ToolRun run;
-    int status = 0;
-    if (pid_ > 0 && waitpid(pid_, &status, 0) == pid_)
-        run.status = decodeStatus(status);
-    pid_ = -1;
-    run.seconds = secondsSinceStart();
-    run.out = out_;
-    run.err = err_;
-    return run;
+    return runProgram(toolOptions(arguments, home, extra));
 }
 
 ToolRun runToolOnTerminal(const std::vector<std::string>& arguments, const fs::path& home,
@@ -266,48 +146,9 @@ ToolRun runToolOnTerminal(const std::vector<std::string>& arguments, const fs::p
     close(master);
     int status = 0;
     waitpid(pid, &status, 0);
-    run.status = decodeStatus(status);
+    run.status = testsupport::exitStatusOf(status);
     run.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
     return run;
-}
-
-LockHolderProcess::LockHolderProcess(const fs::path& file) {
-    fs::create_directories(file.parent_path());
-    int ready[2];
-    if (pipe(ready) != 0)
-        throw std::runtime_error("pipe failed");
-    pid_ = fork();
-    if (pid_ < 0)
-        throw std::runtime_error("fork failed");
-    if (pid_ == 0) {
-        close(ready[0]);
-        const int fd = open(file.c_str(), O_RDWR | O_CREAT, 0600);
-        if (fd < 0 || flock(fd, LOCK_EX) != 0)
-            _exit(1);
-        const char byte = 'L';
-        if (write(ready[1], &byte, 1) != 1)
-            _exit(1);
-        while (true)
-            pause();
-    }
-    close(ready[1]);
-    char byte = 0;
-    const ssize_t n = read(ready[0], &byte, 1);
-    close(ready[0]);
-    if (n != 1)
-        throw std::runtime_error("the lock holder could not take the lock");
-}
-
-LockHolderProcess::~LockHolderProcess() {
-    release();
-}
-
-void LockHolderProcess::release() {
-    if (pid_ > 0) {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-        pid_ = -1;
-    }
 }
 
 void editMarkerLine(const fs::path& marker, std::size_t index, const std::string& line) {

@@ -1,9 +1,15 @@
-// Helpers for the quor-stdlib tests: a temporary library and cache root, the
-// built tool run as a child process (through pipes or on a pseudo-terminal),
-// and a child process that holds the build lock.
+// Helpers of the quor-stdlib tests alone: a temporary library and cache root,
+// and the built tool run as a child process (through pipes or on a
+// pseudo-terminal) with the environment these tests give it. Scratch
+// directories, files, programs and lock holders come from tests/support,
+// named here once.
 
 #ifndef QUOR_TESTS_TOOL_TOOLTESTSUPPORT_H
 #define QUOR_TESTS_TOOL_TOOLTESTSUPPORT_H
+
+#include "tests/support/Files.h"
+#include "tests/support/Locks.h"
+#include "tests/support/Processes.h"
 
 #include <chrono>
 #include <filesystem>
@@ -15,9 +21,18 @@ namespace quor::tooltest {
 
 namespace fs = std::filesystem;
 
-// Creates the parent directories as needed. Fails the test on error.
-void writeFile(const fs::path& path, const std::string& text);
-std::string readFile(const fs::path& path);
+// What the tool tests take from tests/support.
+using testsupport::LockHolderProcess;
+using testsupport::LockState;
+using testsupport::probeLock;
+using testsupport::ProgramOptions;
+using testsupport::readFile;
+using testsupport::runProgram;
+using testsupport::TemporaryDirectory;
+using testsupport::writeFile;
+
+// What a run of the tool did: status, standard output and error, and time.
+using ToolRun = testsupport::ProgramRun;
 
 // A fresh directory holding a small standard library ("stdlib") and an empty
 // cache root ("cache"), removed with everything in it when the object goes.
@@ -37,9 +52,9 @@ public:
 
     static constexpr std::size_t compilableUnits = 4;
 
-    const fs::path& path() const { return path_; }
-    fs::path library() const { return path_ / "stdlib"; }
-    fs::path cacheRoot() const { return path_ / "cache"; }
+    const fs::path& path() const { return directory_.path(); }
+    fs::path library() const { return path() / "stdlib"; }
+    fs::path cacheRoot() const { return path() / "cache"; }
     fs::path stateDirectory() const;
     fs::path marker() const { return stateDirectory() / ".quor-stdlib-ready"; }
     fs::path lockFile() const;
@@ -48,7 +63,7 @@ public:
     std::vector<std::string> arguments(std::vector<std::string> arguments) const;
 
 private:
-    fs::path path_;
+    TemporaryDirectory directory_{"tool-test"};
 };
 
 // The environment the tool runs with in these tests: the caller's, without
@@ -57,73 +72,29 @@ private:
 std::vector<std::string> toolEnvironment(const fs::path& home,
                                          const std::vector<std::string>& extra = {});
 
-struct ToolRun {
-    int status = -1; // exit status, or 128 + signal number
-    std::string out;
-    std::string err;
-    double seconds = 0.0;
-};
+// The built tool with `arguments`, in the environment toolEnvironment(home,
+// extra) gives, its standard output and error read apart.
+ProgramOptions toolOptions(const std::vector<std::string>& arguments, const fs::path& home,
+                           const std::vector<std::string>& extra = {});
 
 // Runs the built tool with `arguments` and waits for it, in the environment
 // toolEnvironment(home, extra) gives.
 ToolRun runTool(const std::vector<std::string>& arguments, const fs::path& home,
                 const std::vector<std::string>& extra = {});
 
-// The tool started in the background with its standard error read as it comes.
-class ToolProcess {
+// The tool started in the background with toolOptions(), its output read as
+// it comes (see testsupport::Program).
+class ToolProcess : public testsupport::Program {
 public:
     ToolProcess(const std::vector<std::string>& arguments, const fs::path& home,
-                const std::vector<std::string>& extra = {});
-    ~ToolProcess(); // kills the process if it is still running
-    ToolProcess(const ToolProcess&) = delete;
-    ToolProcess& operator=(const ToolProcess&) = delete;
-
-    pid_t pid() const { return pid_; }
-
-    // Reads standard error until it contains `needle` or `limit` has passed.
-    // True when found; stderr() holds what was read either way.
-    bool waitForError(const std::string& needle, std::chrono::milliseconds limit);
-    // Reads standard output until it contains `needle` or `limit` has passed.
-    bool waitForOutput(const std::string& needle, std::chrono::milliseconds limit);
-
-    // Reads both streams to their end and reaps the process.
-    ToolRun finish();
-
-    const std::string& err() const { return err_; }
-    const std::string& out() const { return out_; }
-    double secondsSinceStart() const;
-
-private:
-    bool pump(std::chrono::milliseconds limit, const std::string* needle, bool inError);
-
-    pid_t pid_ = -1;
-    int outFd_ = -1;
-    int errFd_ = -1;
-    std::string out_;
-    std::string err_;
-    std::chrono::steady_clock::time_point started_;
+                const std::vector<std::string>& extra = {})
+        : Program(toolOptions(arguments, home, extra)) {}
 };
 
 // Runs the tool on a new pseudo-terminal (forkpty) of `columns` columns and
 // returns everything it wrote to the terminal, with its exit status.
 ToolRun runToolOnTerminal(const std::vector<std::string>& arguments, const fs::path& home,
                           unsigned short columns);
-
-// A child process that creates and holds an exclusive flock on `file` until
-// release() or destruction.
-class LockHolderProcess {
-public:
-    explicit LockHolderProcess(const fs::path& file);
-    ~LockHolderProcess();
-    LockHolderProcess(const LockHolderProcess&) = delete;
-    LockHolderProcess& operator=(const LockHolderProcess&) = delete;
-
-    pid_t pid() const { return pid_; }
-    void release();
-
-private:
-    pid_t pid_ = -1;
-};
 
 // Rewrites line `index` (0-based) of the marker file at `marker`.
 void editMarkerLine(const fs::path& marker, std::size_t index, const std::string& line);

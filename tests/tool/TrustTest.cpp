@@ -8,7 +8,7 @@
 #include "ToolTestSupport.h"
 #include "quor/Config.h"
 
-#include "ChildChecks.h"
+#include "tests/support/ChildChecks.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -29,41 +29,21 @@ namespace {
 
 constexpr uid_t nobody = testsupport::kNobody;
 
-// The built tool run as `uid`, its output read back from files in `scratch`.
+// The built tool run as `uid`, in an environment of `environment`, NO_COLOR=1
+// and a plain PATH, and nothing else.
 ToolRun runToolAs(uid_t uid, const std::vector<std::string>& arguments,
-                  const std::vector<std::string>& environment, const fs::path& scratch) {
-    const fs::path out = scratch / ("out." + std::to_string(uid));
-    const fs::path err = scratch / ("err." + std::to_string(uid));
-    ToolRun run;
-    const pid_t child = ::fork();
-    if (child == 0) {
-        const int outFd = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        const int errFd = ::open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        if (outFd < 0 || errFd < 0 || ::dup2(outFd, 1) < 0 || ::dup2(errFd, 2) < 0)
-            ::_exit(253);
+                  const std::vector<std::string>& environment) {
+    ProgramOptions options;
+    options.arguments.push_back(QUOR_STDLIB_TOOL_PATH);
+    options.arguments.insert(options.arguments.end(), arguments.begin(), arguments.end());
+    options.environment = environment;
+    options.environment->push_back("NO_COLOR=1");
+    options.environment->push_back("PATH=/usr/bin:/bin");
+    options.inChild = [uid] {
         testsupport::becomeUser(uid);
-        std::vector<std::string> words{QUOR_STDLIB_TOOL_PATH};
-        words.insert(words.end(), arguments.begin(), arguments.end());
-        std::vector<char*> argv;
-        for (auto& word : words)
-            argv.push_back(word.data());
-        argv.push_back(nullptr);
-        std::vector<std::string> variables = environment;
-        variables.push_back("NO_COLOR=1");
-        variables.push_back("PATH=/usr/bin:/bin");
-        std::vector<char*> envp;
-        for (auto& variable : variables)
-            envp.push_back(variable.data());
-        envp.push_back(nullptr);
-        ::execve(argv[0], argv.data(), envp.data());
-        ::_exit(252);
-    }
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    run.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    run.out = readFile(out);
-    run.err = readFile(err);
-    return run;
+        return 0;
+    };
+    return runProgram(options);
 }
 
 std::string refusal(const fs::path& root, const fs::path& offender, const std::string& problem) {
@@ -193,8 +173,8 @@ TEST_F(ToolTrust, LockFileOrAbiRecordWritableByOthersIsRefused) {
 
 TEST_F(ToolTrust, CacheBuiltByAnotherUserIsNotTrusted) {
     const fs::path root = shared() / "theirs";
-    const ToolRun built = runToolAs(nobody, with(root, {"ensure", "-q"}),
-                                    {"HOME=" + shared().native()}, sandbox_.path());
+    const ToolRun built =
+        runToolAs(nobody, with(root, {"ensure", "-q"}), {"HOME=" + shared().native()});
     ASSERT_EQ(built.status, 0) << built.err;
     plantAsNobody([&] {
         writeFile(root / QUOR_COMPILER_VERSION / "lib" / "Prelude.qo", "edited");
@@ -223,20 +203,19 @@ TEST_F(ToolTrust, RootOwnedCacheIsUsedReadOnlyByOtherUsers) {
     ASSERT_EQ(runTool(with(root, {"ensure", "-q"}), home()).status, 0);
     const std::vector<std::string> environment{"HOME=" + shared().native()};
 
-    const ToolRun check =
-        runToolAs(nobody, with(root, {"status", "--check"}), environment, sandbox_.path());
+    const ToolRun check = runToolAs(nobody, with(root, {"status", "--check"}), environment);
     EXPECT_EQ(check.status, 0) << check.err;
-    const ToolRun ensure = runToolAs(nobody, with(root, {"ensure"}), environment, sandbox_.path());
+    const ToolRun ensure = runToolAs(nobody, with(root, {"ensure"}), environment);
     EXPECT_EQ(ensure.status, 0) << ensure.err;
     EXPECT_EQ(ensure.out, "already up to date\n");
-    const ToolRun prune = runToolAs(nobody, with(root, {"prune"}), environment, sandbox_.path());
+    const ToolRun prune = runToolAs(nobody, with(root, {"prune"}), environment);
     EXPECT_EQ(prune.status, 1);
     EXPECT_EQ(prune.err,
               "quor-stdlib: error: Quor cache root '" + root.native() +
                   "' belongs to root and is read-only for you; only root can prune it\n");
 
     fs::remove(sandbox_.marker());
-    const ToolRun stale = runToolAs(nobody, with(root, {"ensure"}), environment, sandbox_.path());
+    const ToolRun stale = runToolAs(nobody, with(root, {"ensure"}), environment);
     EXPECT_EQ(stale.status, 1);
     EXPECT_EQ(stale.err, "quor-stdlib: error: Quor cache root '" + root.native() +
                              "' belongs to root and is read-only for you, and it is not ready "
@@ -258,7 +237,7 @@ TEST_F(ToolTrust, GuessableDefaultCacheRootPlantedByAnotherUserIsRefused) {
         return 0;
     });
     const ToolRun run = runToolAs(homeless, {"--stdlib", sandbox_.library().native(), "ensure"},
-                                  {"TMPDIR=" + shared().native()}, sandbox_.path());
+                                  {"TMPDIR=" + shared().native()});
     EXPECT_EQ(run.status, 1);
     EXPECT_EQ(run.err, refusal(guessed, guessed, notOwned));
     EXPECT_EQ(victimTree(), before);
@@ -309,7 +288,7 @@ TEST_F(ToolTrust, LockFailureNamesTheLockFilesOwnerAsTheLikelyCause) {
     const int fd = ::open(lock.c_str(), O_RDWR | O_CREAT, 0600);
     ASSERT_GE(fd, 0);
     ::close(fd);
-    const ToolRun run = runToolAs(nobody, with(root, {"ensure"}), environment, sandbox_.path());
+    const ToolRun run = runToolAs(nobody, with(root, {"ensure"}), environment);
     EXPECT_EQ(run.status, 1);
     EXPECT_EQ(run.err, "quor-stdlib: error: Unable to lock Quor standard-library cache '" +
                            lock.native() +
@@ -403,7 +382,7 @@ TEST_F(ToolTrust, StatusNamesAFolderItMayNotRead) {
     writeFile(secret / "Hidden.qr", "package secret\n\npublic class Hidden {\n}\n");
     ::chmod(secret.c_str(), 0700);
     const ToolRun run = runToolAs(nobody, with(shared() / "nobody-cache", {"status", "--json"}),
-                                  {"HOME=" + shared().native()}, sandbox_.path());
+                                  {"HOME=" + shared().native()});
     ASSERT_EQ(run.status, 0) << run.err;
     const auto document = nlohmann::json::parse(run.out);
     ASSERT_EQ(document["unreachable"].size(), 1u) << run.out;
