@@ -127,11 +127,16 @@ void writeFile(const fs::path& file, const std::string& content) {
     }
 }
 
-std::string fingerprintWithScript(const fs::path& root, const fs::path& output,
-                                  ProcessResult* result) {
-    ProcessResult run = runProcess(
-        {QUOR_TEST_CMAKE_COMMAND, "-DROOT=" + root.string(), "-DOUTPUT=" + output.string(), "-P",
-         std::string(QUOR_TEST_SOURCE_DIR) + "/cmake/StdlibFingerprint.cmake"});
+std::string fingerprintTool() {
+    return QUOR_TEST_STDLIB_TOOL;
+}
+
+std::string fingerprintAsTheBuildDoes(const fs::path& root, const fs::path& output,
+                                      ProcessResult* result) {
+    ProcessResult run =
+        runProcess({QUOR_TEST_CMAKE_COMMAND, "-DTOOL=" + fingerprintTool(),
+                    "-DROOT=" + root.string(), "-DOUTPUT=" + output.string(), "-P",
+                    std::string(QUOR_TEST_SOURCE_DIR) + "/cmake/WriteStdlibFingerprint.cmake"});
     if (result != nullptr) {
         *result = run;
     }
