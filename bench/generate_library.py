@@ -13,7 +13,7 @@ compiles.
 The output depends only on --units and --seed: the same arguments give a
 byte-identical tree on every machine, so figures taken on different days
 describe the same work. The fingerprint file of an installed library
-(.quor-stdlib-fingerprint, same recipe as cmake/StdlibFingerprint.cmake) is
+(.quor-stdlib-fingerprint, the recipe of docs/stdlib-fingerprint.md) is
 written into the root, so that the ready path reads exactly what it reads in an
 installed compiler.
 

@@ -38,7 +38,16 @@ install(DIRECTORY "${QUOR_STDLIB_SOURCE_DIR}/"
 # tree: what the bootstrap compiles is what lies under the prefix, including any
 # unit that an earlier installation left there. The code runs after the copy
 # above, since install rules of one directory run in the order they were given.
-install(CODE "
+# The tool that fingerprints the build tree's library (cmake/StandardLibrary.cmake)
+# writes the file itself, as `quor-stdlib fingerprint --write` does for any
+# library: rewritten only when its value changes, through a rename.
+if(QUOR_STDLIB_FINGERPRINT_COMMAND STREQUAL "")
+  install(CODE "
+  message(WARNING \"No quor-stdlib to fingerprint the installed standard library with \"
+                  \"(see QUOR_STDLIB_FINGERPRINT_TOOL): it is installed without its fingerprint.\")
+" COMPONENT stdlib)
+else()
+  install(CODE "
   set(_quor_stdlib \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${QUOR_INSTALL_STDLIBDIR}\")
   if(IS_ABSOLUTE \"${QUOR_INSTALL_STDLIBDIR}\")
     set(_quor_stdlib \"\$ENV{DESTDIR}${QUOR_INSTALL_STDLIBDIR}\")
@@ -46,14 +55,16 @@ install(CODE "
   set(_quor_fingerprint \"\${_quor_stdlib}/.quor-stdlib-fingerprint\")
   message(STATUS \"Fingerprinting: \${_quor_fingerprint}\")
   execute_process(
-    COMMAND \"\${CMAKE_COMMAND}\" \"-DROOT=\${_quor_stdlib}\"
-            \"-DOUTPUT=\${_quor_fingerprint}\" -P \"${QUOR_STDLIB_FINGERPRINT_SCRIPT}\"
+    COMMAND \"${QUOR_STDLIB_FINGERPRINT_COMMAND}\" --quiet fingerprint --write \"\${_quor_stdlib}\"
+    OUTPUT_QUIET
+    ERROR_VARIABLE _quor_error
     RESULT_VARIABLE _quor_result)
   if(NOT _quor_result EQUAL 0)
-    message(FATAL_ERROR \"Unable to fingerprint the installed standard library: \${_quor_result}\")
+    message(FATAL_ERROR \"Unable to fingerprint the installed standard library: \${_quor_result}\\n\${_quor_error}\")
   endif()
   list(APPEND CMAKE_INSTALL_MANIFEST_FILES \"\${_quor_fingerprint}\")
 " COMPONENT stdlib)
+endif()
 
 install(FILES "${PROJECT_SOURCE_DIR}/compiler/package/PackageLocation.cpp"
   DESTINATION "${CMAKE_INSTALL_DATADIR}/quor"

@@ -26,11 +26,16 @@ ProcessResult runShell(const std::string& script,
     return runProcess({"/bin/sh", "-c", script}, environment);
 }
 
-std::string fingerprintWithScript(const fs::path& root, const fs::path& output,
-                                  ProcessResult* result) {
-    ProcessResult run = runProcess(
-        {QUOR_TEST_CMAKE_COMMAND, "-DROOT=" + root.string(), "-DOUTPUT=" + output.string(), "-P",
-         std::string(QUOR_TEST_SOURCE_DIR) + "/cmake/StdlibFingerprint.cmake"});
+std::string fingerprintTool() {
+    return QUOR_TEST_STDLIB_TOOL;
+}
+
+std::string fingerprintAsTheBuildDoes(const fs::path& root, const fs::path& output,
+                                      ProcessResult* result) {
+    ProcessResult run =
+        runProcess({QUOR_TEST_CMAKE_COMMAND, "-DTOOL=" + fingerprintTool(),
+                    "-DROOT=" + root.string(), "-DOUTPUT=" + output.string(), "-P",
+                    std::string(QUOR_TEST_SOURCE_DIR) + "/cmake/WriteStdlibFingerprint.cmake"});
     if (result != nullptr) {
         *result = run;
     }

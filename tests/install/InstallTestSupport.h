@@ -39,11 +39,16 @@ ProcessResult runProcess(const std::vector<std::string>& arguments,
 ProcessResult runShell(const std::string& script,
                        const std::map<std::string, std::optional<std::string>>& environment = {});
 
-// Runs the fingerprint script over `root` into `output` and returns the file's
-// content; the script's failure is reported through `result` when given.
-std::string fingerprintWithScript(const std::filesystem::path& root,
-                                  const std::filesystem::path& output,
-                                  ProcessResult* result = nullptr);
+// The quor-stdlib that the build fingerprints the library with, or "" when it
+// has none (cmake/StandardLibrary.cmake).
+std::string fingerprintTool();
+
+// Fingerprints `root` into `output` as the build does (the tool, through
+// cmake/WriteStdlibFingerprint.cmake) and returns the file's content; a
+// failure is reported through `result` when given.
+std::string fingerprintAsTheBuildDoes(const std::filesystem::path& root,
+                                      const std::filesystem::path& output,
+                                      ProcessResult* result = nullptr);
 
 // The regular ".qr" files below `root` that the bootstrap considers units,
 // relative to `root` and sorted bytewise.

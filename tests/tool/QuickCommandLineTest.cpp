@@ -1,6 +1,6 @@
-// The command lines quor-stdlib answers without its command table: which it
+// The command lines quor-stdlib answers without its full parser: which it
 // takes, the invocation it makes of them, and every form it must leave to the
-// full parser.
+// full parser. OptionDeclarationTest holds it to every declared option.
 
 #include "QuickCommandLine.h"
 #include "Commands.h"
@@ -56,16 +56,35 @@ TEST_F(QuickCommandLine, LeavesTheDefaultsOfAPlainEnsure) {
     EXPECT_EQ(invocation.global.color, ColorMode::Auto);
 }
 
-TEST_F(QuickCommandLine, TakesStatusOnlyWithCheck) {
+TEST_F(QuickCommandLine, TakesStatusWithItsOwnOptionAfterIt) {
     const auto quick = parse({"status", "--check", "--color=always", "--quiet"});
     ASSERT_TRUE(quick);
     EXPECT_EQ(quick->command, findCommand("status"));
     EXPECT_TRUE(quick->invocation.status.check);
     EXPECT_TRUE(quick->invocation.global.quiet);
     EXPECT_EQ(quick->invocation.global.color, ColorMode::Always);
-    EXPECT_FALSE(parse({"status"}));
+    const auto plain = parse({"status"});
+    ASSERT_TRUE(plain);
+    EXPECT_FALSE(plain->invocation.status.check);
     EXPECT_FALSE(parse({"--check", "status"})) << "--check belongs to the subcommand";
     EXPECT_FALSE(parse({"ensure", "--check"}));
+}
+
+TEST_F(QuickCommandLine, TakesEnsuresOwnOptions) {
+    const auto quick = parse({"ensure", "--force", "-j", "3", "--timeout=2.5", "-v"});
+    ASSERT_TRUE(quick);
+    const EnsureOptions& ensure = quick->invocation.ensure;
+    EXPECT_TRUE(ensure.force);
+    EXPECT_EQ(ensure.jobs, 3u);
+    ASSERT_TRUE(ensure.timeoutSeconds);
+    EXPECT_EQ(*ensure.timeoutSeconds, 2.5);
+    EXPECT_TRUE(ensure.verbose);
+    const auto longForms = parse({"ensure", "-f", "--jobs=4", "--timeout", "0", "--verbose"});
+    ASSERT_TRUE(longForms);
+    EXPECT_TRUE(longForms->invocation.ensure.force);
+    EXPECT_EQ(longForms->invocation.ensure.jobs, 4u);
+    EXPECT_EQ(longForms->invocation.ensure.timeoutSeconds, 0.0);
+    EXPECT_TRUE(longForms->invocation.ensure.verbose);
 }
 
 TEST_F(QuickCommandLine, LeavesEverythingElseToTheFullParser) {
@@ -79,15 +98,28 @@ TEST_F(QuickCommandLine, LeavesEverythingElseToTheFullParser) {
         {"prune"},
         {"verify"},
         {"clean"},
+        {"fingerprint"},
         {"ensure", "ensure"},
         {"ensure", "status"},
         {"ensure", "extra"},
-        {"ensure", "--force"},
-        {"ensure", "-f"},
-        {"ensure", "--jobs", "2"},
+        {"status", "extra"},
+        {"--force", "ensure"},
+        {"ensure", "--force", "--force"},
+        {"ensure", "-f", "--force"},
+        {"ensure", "--force=true"},
+        {"ensure", "-fv"},
         {"ensure", "-j2"},
-        {"ensure", "--timeout", "1"},
-        {"ensure", "--verbose"},
+        {"ensure", "-j=2"},
+        {"ensure", "--jobs"},
+        {"ensure", "--jobs", "0"},
+        {"ensure", "--jobs", "-2"},
+        {"ensure", "--jobs", "2", "--jobs", "3"},
+        {"ensure", "--timeout", "soon"},
+        {"ensure", "--timeout=-1"},
+        {"ensure", "--verbose", "--quiet"},
+        {"-q", "ensure", "-v"},
+        {"ensure", "--dry-run"},
+        {"ensure", "--write"},
         {"ensure", "--"},
         {"ensure", "-qq"},
         {"--json", "--json", "ensure"},
@@ -112,10 +144,15 @@ TEST_F(QuickCommandLine, LeavesEverythingElseToTheFullParser) {
     }
 }
 
-TEST_F(QuickCommandLine, LeavesEnsureToTheFullParserWhenQuorJobsIsSet) {
-    ::setenv("QUOR_JOBS", "2", 1);
+// The full parser refuses a QUOR_JOBS that `ensure` would use but is not a
+// worker count, and knows how to say so.
+TEST_F(QuickCommandLine, LeavesEnsureToTheFullParserWhenQuorJobsIsNoWorkerCount) {
+    ::setenv("QUOR_JOBS", "many", 1);
     EXPECT_FALSE(parse({"ensure"}));
+    EXPECT_TRUE(parse({"ensure", "--jobs", "2"})) << "--jobs takes precedence";
     EXPECT_TRUE(parse({"status", "--check"})) << "status does not read QUOR_JOBS";
+    ::setenv("QUOR_JOBS", "2", 1);
+    EXPECT_TRUE(parse({"ensure"}));
     ::setenv("QUOR_JOBS", "", 1);
     EXPECT_TRUE(parse({"ensure"})) << "an empty QUOR_JOBS is unset";
 }

@@ -1,6 +1,8 @@
-// The table of subcommands, the typo suggestion for an unknown subcommand or
-// option, the help texts shared by --help and `help`, and the Runtime
-// configuration every subcommand starts with.
+// The table of subcommands with the options each declares, the global
+// options, the one check and conversion of every kind of option value, the
+// typo suggestion for an unknown subcommand or option, the help texts shared
+// by --help and `help`, and the Runtime configuration every subcommand starts
+// with.
 
 #include "Commands.h"
 #include "Console.h"
@@ -9,6 +11,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdlib>
 #include <optional>
 #include <vector>
 
@@ -16,18 +19,145 @@ namespace quor::stdlibtool {
 
 namespace {
 
-constexpr std::array<Command, 7> table = {{
-    {"status", "Show the cache's identity, paths and readiness, and why it is not ready",
-     runStatus},
-    {"ensure", "Build the standard-library cache now unless it is up to date", runEnsure},
-    {"verify", "Check every object the readiness marker vouches for against its unit", runVerify},
-    {"prune", "Remove the caches that older compiler versions left behind", runPrune},
-    {"clean", "Remove this compiler version's cache, so that the next build starts afresh",
-     runClean},
-    {"fingerprint", "Compute a library's fingerprint, and with --write record it beside its units",
-     runFingerprint},
-    {"help", "List the subcommands, or explain one: help [SUBCOMMAND]", runHelp},
+// Overloaded lambdas for std::visit over an OptionValue.
+template <class... Handlers> struct Overloaded : Handlers... { using Handlers::operator()...; };
+template <class... Handlers> Overloaded(Handlers...) -> Overloaded<Handlers...>;
+
+constexpr std::array<CommandOption, 5> globalOptionTable = {{
+    {"", "--stdlib", "Standard-library root (overrides QUOR_STDLIB_PATH)",
+     DirectoryValue{[](Invocation& i) -> std::string& { return i.global.standardLibraryPath; }}},
+    {"", "--cache-root",
+     "Cache root holding one directory per compiler version (overrides QUOR_CACHE_DIR)",
+     DirectoryValue{[](Invocation& i) -> std::string& { return i.global.cacheRoot; }}},
+    {"", "--json", "Machine-readable output",
+     FlagValue{[](Invocation& i) -> bool& { return i.global.json; }}},
+    {"-q", "--quiet", "Print only errors",
+     FlagValue{[](Invocation& i) -> bool& { return i.global.quiet; }}},
+    {"", "--color", "Colour: auto (terminals, unless NO_COLOR), always, never",
+     ColorValue{[](Invocation& i) -> ColorMode& { return i.global.color; }}},
 }};
+
+constexpr std::array<CommandOption, 1> statusOptions = {{
+    {"", "--check", "Exit 0 when the cache is ready, 1 when a build is needed",
+     FlagValue{[](Invocation& i) -> bool& { return i.status.check; }}},
+}};
+
+constexpr std::array<CommandOption, 4> ensureOptions = {{
+    {"", "--timeout", "Give up waiting for another process's build lock after SECONDS",
+     SecondsValue{[](Invocation& i) -> std::optional<double>& { return i.ensure.timeoutSeconds; }}},
+    {"-j", "--jobs", "Precompiler worker threads (overrides QUOR_JOBS)",
+     WorkerCountValue{[](Invocation& i) -> unsigned& { return i.ensure.jobs; }}},
+    {"-f", "--force",
+     "Build even when the cache is ready: withdraw the readiness marker, then check every "
+     "object and compile those that are not sound",
+     FlagValue{[](Invocation& i) -> bool& { return i.ensure.force; }}},
+    {"-v", "--verbose",
+     "Show each unit with its time on standard error, and the slowest units at the end",
+     FlagValue{[](Invocation& i) -> bool& { return i.ensure.verbose; }}},
+}};
+
+constexpr std::array<CommandOption, 1> pruneOptions = {{
+    {"-n", "--dry-run", "List what would be removed, remove nothing",
+     FlagValue{[](Invocation& i) -> bool& { return i.prune.dryRun; }}},
+}};
+
+constexpr std::array<CommandOption, 1> cleanOptions = {{
+    {"-n", "--dry-run", "Say what would be removed, remove nothing",
+     FlagValue{[](Invocation& i) -> bool& { return i.clean.dryRun; }}},
+}};
+
+constexpr std::array<CommandOption, 1> fingerprintOptions = {{
+    {"-w", "--write",
+     "Record the fingerprint in DIR/.quor-stdlib-fingerprint, which the bootstrap reads first",
+     FlagValue{[](Invocation& i) -> bool& { return i.fingerprint.write; }}},
+}};
+
+constexpr std::array<CommandArgument, 1> fingerprintArguments = {{
+    {"directory", "DIR", "The library root; by default the standard library in use",
+     [](Invocation& i) -> std::string& { return i.fingerprint.directory; }},
+}};
+
+constexpr std::array<CommandArgument, 1> helpArguments = {{
+    {"subcommand", "", "The subcommand to explain",
+     [](Invocation& i) -> std::string& { return i.help.subcommand; }},
+}};
+
+constexpr std::array<Command, 7> table = {{
+    {.name = "status",
+     .summary = "Show the cache's identity, paths and readiness, and why it is not ready",
+     .handler = runStatus,
+     .options = statusOptions,
+     .quick = true},
+    {.name = "ensure",
+     .summary = "Build the standard-library cache now unless it is up to date",
+     .handler = runEnsure,
+     .options = ensureOptions,
+     .quick = true},
+    {.name = "verify",
+     .summary = "Check every object the readiness marker vouches for against its unit",
+     .handler = runVerify},
+    {.name = "prune",
+     .summary = "Remove the caches that older compiler versions left behind",
+     .handler = runPrune,
+     .options = pruneOptions},
+    {.name = "clean",
+     .summary = "Remove this compiler version's cache, so that the next build starts afresh",
+     .handler = runClean,
+     .options = cleanOptions},
+    {.name = "fingerprint",
+     .summary = "Compute a library's fingerprint, and with --write record it beside its units",
+     .handler = runFingerprint,
+     .options = fingerprintOptions,
+     .arguments = fingerprintArguments},
+    {.name = "help",
+     .summary = "List the subcommands, or explain one: help [SUBCOMMAND]",
+     .handler = runHelp,
+     .arguments = helpArguments},
+}};
+
+constexpr std::string_view expectedSeconds = "a number of seconds, at least 0";
+constexpr std::string_view expectedJobs = "a whole number of worker threads, at least 1";
+constexpr std::string_view expectedColor = "auto, always or never";
+constexpr std::string_view expectedDirectory = "a directory";
+
+std::string badValue(std::string_view expected, std::string_view text) {
+    return "expected " + std::string(expected) + ", got '" + std::string(text) + "'";
+}
+
+// A number of seconds as std::stod reads it, whole, from 0 up to (not
+// including) a billion; nullopt otherwise.
+std::optional<double> seconds(std::string_view text) {
+    try {
+        const std::string whole(text);
+        std::size_t used = 0;
+        const double value = std::stod(whole, &used);
+        if (used == whole.size() && value >= 0.0 && value < 1e9)
+            return value;
+    } catch (const std::exception&) { // not a number
+    }
+    return std::nullopt;
+}
+
+// A worker count: one to six decimal digits, not all zeros. Read in decimal,
+// so that a leading zero does not make it octal.
+std::optional<unsigned> workerCount(std::string_view text) {
+    if (text.empty() || text.size() > 6 || text.find_first_not_of("0123456789") != text.npos)
+        return std::nullopt;
+    unsigned value = 0;
+    for (const char digit : text)
+        value = value * 10 + static_cast<unsigned>(digit - '0');
+    return value > 0 ? std::optional<unsigned>(value) : std::nullopt;
+}
+
+std::optional<ColorMode> colorMode(std::string_view text) {
+    if (text == "auto")
+        return ColorMode::Auto;
+    if (text == "always")
+        return ColorMode::Always;
+    if (text == "never")
+        return ColorMode::Never;
+    return std::nullopt;
+}
 
 // Edit distance counting a swap of two neighbouring letters as one edit, so
 // that "stauts" is one step from "status".
@@ -51,6 +181,74 @@ std::size_t editDistance(std::string_view a, std::string_view b) {
 
 std::span<const Command> commands() {
     return table;
+}
+
+std::span<const CommandOption> globalOptions() {
+    return globalOptionTable;
+}
+
+std::string_view valueTypeName(const OptionValue& value) {
+    return std::visit(Overloaded{[](const FlagValue&) { return std::string_view(); },
+                                 [](const DirectoryValue&) { return std::string_view("DIR"); },
+                                 [](const SecondsValue&) { return std::string_view("SECONDS"); },
+                                 [](const WorkerCountValue&) { return std::string_view("N"); },
+                                 [](const ColorValue&) { return std::string_view("WHEN"); }},
+                      value);
+}
+
+std::string_view valueChoices(const OptionValue& value) {
+    return std::holds_alternative<ColorValue>(value) ? "{auto,always,never}" : "";
+}
+
+std::string_view expectedValue(const OptionValue& value) {
+    return std::visit(Overloaded{[](const FlagValue&) { return std::string_view(); },
+                                 [](const DirectoryValue&) { return expectedDirectory; },
+                                 [](const SecondsValue&) { return expectedSeconds; },
+                                 [](const WorkerCountValue&) { return expectedJobs; },
+                                 [](const ColorValue&) { return expectedColor; }},
+                      value);
+}
+
+std::string valueProblem(const OptionValue& value, std::string_view text) {
+    const bool accepted = std::visit(
+        Overloaded{[](const FlagValue&) { return true; },
+                   [](const DirectoryValue&) { return true; },
+                   [&](const SecondsValue&) { return seconds(text).has_value(); },
+                   [&](const WorkerCountValue&) { return workerCount(text).has_value(); },
+                   [&](const ColorValue&) { return colorMode(text).has_value(); }},
+        value);
+    return accepted ? std::string() : badValue(expectedValue(value), text);
+}
+
+void storeValue(const OptionValue& value, Invocation& invocation, std::string_view text) {
+    std::visit(
+        Overloaded{[&](const FlagValue& flag) { flag.field(invocation) = true; },
+                   [&](const DirectoryValue& directory) {
+                       directory.field(invocation) = std::string(text);
+                   },
+                   [&](const SecondsValue& limit) { limit.field(invocation) = seconds(text); },
+                   [&](const WorkerCountValue& jobs) {
+                       jobs.field(invocation) = workerCount(text).value_or(0);
+                   },
+                   [&](const ColorValue& color) {
+                       color.field(invocation) = colorMode(text).value_or(ColorMode::Auto);
+                   }},
+        value);
+}
+
+std::string invocationProblem(const Command& command, const Invocation& invocation) {
+    if (invocation.global.quiet && invocation.ensure.verbose)
+        return "--verbose and --quiet cannot be used together";
+    // QUOR_JOBS is read by the runtime, which takes anything it cannot use for
+    // "unset". When it would be used, that is by `ensure` without --jobs, a
+    // value that is not a worker count is refused as --jobs refuses it. Empty
+    // is unset.
+    if (command.name != "ensure" || invocation.ensure.jobs != 0)
+        return {};
+    const char* jobs = std::getenv("QUOR_JOBS");
+    if (jobs == nullptr || jobs[0] == '\0' || workerCount(jobs))
+        return {};
+    return "QUOR_JOBS: " + badValue(expectedJobs, jobs);
 }
 
 const Command* findCommand(std::string_view name) {

@@ -1,6 +1,13 @@
-// The subcommands of quor-stdlib as plain functions. main() only turns the
-// command line into an Invocation and calls the handler that the command table
-// names, so tests can run a subcommand in-process with their own streams.
+// The subcommands of quor-stdlib as plain functions, and the command table that
+// names them. Each row of the table also declares the options its command
+// accepts (their spellings, the kind of value they take, their help text and
+// the Invocation field they set), and the global options are declared once
+// beside it. Both command-line parsers (QuickCommandLine.h and CommandLine.h)
+// read these declarations, and the help, the manual page and the completions
+// are rendered from the full parser's help, so an option is written down once.
+// main() only turns the command line into an Invocation and calls the handler
+// that the table names, so tests can run a subcommand in-process with their
+// own streams.
 
 #ifndef QUOR_TOOLS_QUOR_STDLIB_COMMANDS_H
 #define QUOR_TOOLS_QUOR_STDLIB_COMMANDS_H
@@ -9,6 +16,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <variant>
 
 namespace quor::stdlibtool {
 
@@ -39,10 +47,14 @@ struct GlobalOptions {
     bool json = false;               // --json
     bool quiet = false;              // --quiet
     ColorMode color = ColorMode::Auto;
+
+    bool operator==(const GlobalOptions&) const = default;
 };
 
 struct StatusOptions {
     bool check = false; // --check: the exit status says whether a build is needed
+
+    bool operator==(const StatusOptions&) const = default;
 };
 
 struct EnsureOptions {
@@ -50,19 +62,33 @@ struct EnsureOptions {
     unsigned jobs = 0;                    // --jobs; 0 leaves it to QUOR_JOBS and the default
     bool force = false;                   // --force: build even when the marker is valid
     bool verbose = false; // --verbose: each unit with its time, and the slowest at the end
+
+    bool operator==(const EnsureOptions&) const = default;
 };
 
 struct PruneOptions {
     bool dryRun = false; // --dry-run: list, remove nothing
+
+    bool operator==(const PruneOptions&) const = default;
 };
 
 struct CleanOptions {
     bool dryRun = false; // --dry-run: say what would go, remove nothing
+
+    bool operator==(const CleanOptions&) const = default;
 };
 
 struct FingerprintOptions {
     std::string directory; // the library to fingerprint; empty: the one in use
     bool write = false;    // --write: record it in <directory>/.quor-stdlib-fingerprint
+
+    bool operator==(const FingerprintOptions&) const = default;
+};
+
+struct HelpOptions {
+    std::string subcommand; // the subcommand to explain; empty: list them all
+
+    bool operator==(const HelpOptions&) const = default;
 };
 
 // Everything one run of the tool was asked to do.
@@ -73,7 +99,49 @@ struct Invocation {
     PruneOptions prune;
     CleanOptions clean;
     FingerprintOptions fingerprint;
-    std::string helpText; // what `help` prints; the parser renders it
+    HelpOptions help;
+    std::string helpText; // what `help` prints; the full parser renders it
+
+    // Two parsers must make the same Invocation of one command line; their
+    // tests compare whole invocations.
+    bool operator==(const Invocation&) const = default;
+};
+
+// The kinds of value an option takes. Each names the Invocation field the
+// option sets; the kind decides how both parsers check and convert the value,
+// what the help calls it, and so what the completions offer for it.
+struct FlagValue {
+    bool& (*field)(Invocation&); // no value: set when the option is given
+};
+struct DirectoryValue {
+    std::string& (*field)(Invocation&); // DIR: taken as it is; completed as a folder
+};
+struct SecondsValue {
+    std::optional<double>& (*field)(Invocation&); // SECONDS: a number, at least 0
+};
+struct WorkerCountValue {
+    unsigned& (*field)(Invocation&); // N: a whole number of threads, at least 1
+};
+struct ColorValue {
+    ColorMode& (*field)(Invocation&); // WHEN: auto, always or never
+};
+using OptionValue =
+    std::variant<FlagValue, DirectoryValue, SecondsValue, WorkerCountValue, ColorValue>;
+
+// One option as its command declares it.
+struct CommandOption {
+    std::string_view shortName; // "-j", or "" when it has none
+    std::string_view longName;  // "--jobs"
+    std::string_view help;      // one line, shown by --help and the manual page
+    OptionValue value;
+};
+
+// A word after the subcommand that is not an option. At most one per command.
+struct CommandArgument {
+    std::string_view name;     // as the help shows it
+    std::string_view typeName; // "DIR" when it names a folder; "" leaves the parser's own
+    std::string_view help;
+    std::string& (*field)(Invocation&);
 };
 
 using CommandHandler = int (*)(const Invocation&, Console&);
@@ -82,10 +150,46 @@ struct Command {
     std::string_view name;
     std::string_view summary; // one line, shown by `help`
     CommandHandler handler;
+    std::span<const CommandOption> options = {};     // its own, in the order its help lists them
+    std::span<const CommandArgument> arguments = {}; // in the order they are given
+    // Whether the quick command line may read it: the commands a compiler's
+    // build or an IDE runs on every start, where the full parser would cost
+    // more than the work it leads to.
+    bool quick = false;
 };
 
 // The subcommands, in the order `help` lists them.
 std::span<const Command> commands();
+
+// The options every subcommand accepts, before or after its name, in the
+// order --help lists them.
+std::span<const CommandOption> globalOptions();
+
+// What the help writes after an option that takes a value ("DIR", "N"); ""
+// for a flag.
+std::string_view valueTypeName(const OptionValue& value);
+
+// The values an option accepts when they are a fixed set, as the help shows
+// them ("{auto,always,never}"), where the completions read them; "" otherwise.
+std::string_view valueChoices(const OptionValue& value);
+
+// What an option's value must be, in the words of its error messages ("a
+// whole number of worker threads, at least 1"); "" for a flag.
+std::string_view expectedValue(const OptionValue& value);
+
+// "expected <expectedValue>, got '<text>'" when `text` is not a value of this
+// kind, "" when it is. The one check of a value, whichever parser read it.
+std::string valueProblem(const OptionValue& value, std::string_view text);
+
+// Sets the option's field from `text`, which valueProblem() accepted (a
+// flag's field is set to true and `text` is not looked at). The one
+// conversion of a value, whichever parser read it.
+void storeValue(const OptionValue& value, Invocation& invocation, std::string_view text);
+
+// What is wrong with a command line that both parsers read without fault, for
+// reasons no single option has: --verbose with --quiet, or a QUOR_JOBS that
+// `ensure` would use but is not a worker count. "" when nothing is.
+std::string invocationProblem(const Command& command, const Invocation& invocation);
 
 // The command named `name`, or nullptr.
 const Command* findCommand(std::string_view name);

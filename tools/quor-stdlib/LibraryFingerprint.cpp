@@ -1,4 +1,5 @@
-// The library fingerprint recipe, for trees the build never fingerprinted.
+// The library fingerprint recipe, for the build's library and any other; see
+// LibraryFingerprint.h.
 
 #include "LibraryFingerprint.h"
 

@@ -2,13 +2,15 @@
 // docs/stdlib-fingerprint.md: every unit file (regular ".qr" files at any
 // depth, links neither followed nor counted) sorted bytewise by its path below
 // the root, each giving the manifest line "<sha256 of its bytes>  <path>\n",
-// and the SHA-256 of that manifest. The build computes the same value with
-// cmake/StdlibFingerprint.cmake; the tool's tests hold the two, and the shell
-// command of the documentation, to one answer.
+// and the SHA-256 of that manifest.
 //
-// The tool needs its own computation for a library given with --stdlib, which
-// the build never saw: `quor-stdlib fingerprint` writes the value beside the
-// units, and `status` warns when the fingerprint in use describes another tree.
+// This is the recipe's one implementation. The build runs the tool it has just
+// built to fingerprint the shipped library, in the build tree and in an
+// installation (cmake/StandardLibrary.cmake, cmake/Install.cmake); a library
+// given with --stdlib, which the build never saw, gets its value from
+// `quor-stdlib fingerprint --write`, and `status` warns when the fingerprint
+// in use describes another tree. The tests hold it and the shell command of
+// the documentation to one answer.
 
 #ifndef QUOR_TOOLS_QUOR_STDLIB_LIBRARYFINGERPRINT_H
 #define QUOR_TOOLS_QUOR_STDLIB_LIBRARYFINGERPRINT_H

@@ -1,95 +1,89 @@
-// The quick command line of quor-stdlib; see QuickCommandLine.h.
+// The quick command line of quor-stdlib; see QuickCommandLine.h. It runs on
+// every compiler start, so it allocates nothing but the values it stores and
+// never builds the full parser.
 
 #include "QuickCommandLine.h"
 
-#include <cstdlib>
+#include <cstdint>
 #include <string_view>
 
 namespace quor::stdlibtool {
 
 namespace {
 
-// A value CLI11 would take as it is: not empty and not the start of another
-// option.
+// A value the full parser would take as it is: not empty and not the start of
+// another option.
 bool plainValue(std::string_view value) {
     return !value.empty() && value.front() != '-';
 }
 
-// Splits "--name=value" and "--name value"; false when the word is not the
-// option `name` or its value is not plain. `index` moves past the value.
-bool optionValue(std::span<const char* const> arguments, std::size_t& index, std::string_view name,
-                 std::string_view& value) {
-    const std::string_view word = arguments[index];
-    if (word == name) {
-        if (index + 1 >= arguments.size())
-            return false;
-        value = arguments[++index];
-    } else if (word.size() > name.size() && word.starts_with(name) && word[name.size()] == '=') {
-        value = word.substr(name.size() + 1);
-    } else {
-        return false;
+// The option among `options` that `word` names, by its short or long name or
+// as "--long=value" (then `inlineValue` is that value); its index, or
+// options.size() when none.
+std::size_t findOption(std::span<const CommandOption> options, std::string_view word,
+                       std::optional<std::string_view>& inlineValue) {
+    for (std::size_t index = 0; index < options.size(); ++index) {
+        const CommandOption& option = options[index];
+        if (word == option.longName || (!option.shortName.empty() && word == option.shortName))
+            return index;
+        if (word.size() > option.longName.size() && word.starts_with(option.longName) &&
+            word[option.longName.size()] == '=') {
+            inlineValue = word.substr(option.longName.size() + 1);
+            return index;
+        }
     }
-    return plainValue(value);
+    return options.size();
 }
 
 } // namespace
 
 std::optional<QuickCommand> parseQuickCommandLine(std::span<const char* const> arguments) {
     QuickCommand quick;
-    GlobalOptions& global = quick.invocation.global;
-    bool stdlibSeen = false, cacheRootSeen = false, colorSeen = false, jsonSeen = false,
-         quietSeen = false, checkSeen = false;
+    const std::span<const CommandOption> global = globalOptions();
+    // The options given so far, by their place in the global options followed
+    // by the command's: the full parser decides what a repeated one means.
+    std::uint64_t seen = 0;
     for (std::size_t i = 0; i < arguments.size(); ++i) {
         const std::string_view word = arguments[i];
-        std::string_view value;
-        if (word.starts_with("--stdlib")) {
-            if (stdlibSeen || !optionValue(arguments, i, "--stdlib", value))
-                return std::nullopt;
-            global.standardLibraryPath = value;
-            stdlibSeen = true;
-        } else if (word.starts_with("--cache-root")) {
-            if (cacheRootSeen || !optionValue(arguments, i, "--cache-root", value))
-                return std::nullopt;
-            global.cacheRoot = value;
-            cacheRootSeen = true;
-        } else if (word.starts_with("--color")) {
-            if (colorSeen || !optionValue(arguments, i, "--color", value))
-                return std::nullopt;
-            if (value == "always")
-                global.color = ColorMode::Always;
-            else if (value == "never")
-                global.color = ColorMode::Never;
-            else if (value != "auto")
-                return std::nullopt;
-            colorSeen = true;
-        } else if (word == "--json") {
-            if (jsonSeen)
-                return std::nullopt;
-            global.json = jsonSeen = true;
-        } else if (word == "-q" || word == "--quiet") {
-            if (quietSeen)
-                return std::nullopt;
-            global.quiet = quietSeen = true;
-        } else if (word == "--check") {
-            // A subcommand's option: only after `status`.
-            if (checkSeen || quick.command == nullptr || quick.command->name != "status")
-                return std::nullopt;
-            quick.invocation.status.check = checkSeen = true;
-        } else if ((word == "ensure" || word == "status") && quick.command == nullptr) {
+        if (!word.starts_with('-')) {
+            if (quick.command != nullptr)
+                return std::nullopt; // an argument, or a second subcommand
             quick.command = findCommand(word);
-        } else {
-            return std::nullopt;
+            if (quick.command == nullptr || !quick.command->quick)
+                return std::nullopt;
+            continue;
         }
-    }
-    if (quick.command == nullptr || (quick.command->name == "status" && !checkSeen))
-        return std::nullopt;
-    // `ensure` without --jobs refuses a QUOR_JOBS that is not a worker count;
-    // the full parser knows how to say so.
-    if (quick.command->name == "ensure") {
-        const char* jobs = std::getenv("QUOR_JOBS");
-        if (jobs != nullptr && jobs[0] != '\0')
+        std::optional<std::string_view> inlineValue;
+        std::size_t index = findOption(global, word, inlineValue);
+        const CommandOption* option = index < global.size() ? &global[index] : nullptr;
+        // A command's own option only after its name, as the full parser takes it.
+        if (option == nullptr && quick.command != nullptr) {
+            const std::size_t own = findOption(quick.command->options, word, inlineValue);
+            if (own < quick.command->options.size()) {
+                option = &quick.command->options[own];
+                index = global.size() + own;
+            }
+        }
+        if (option == nullptr || index >= 64 || (seen & (std::uint64_t{1} << index)) != 0)
             return std::nullopt;
+        seen |= std::uint64_t{1} << index;
+        if (std::holds_alternative<FlagValue>(option->value)) {
+            if (inlineValue)
+                return std::nullopt; // "--json=true": the full parser's to read
+            storeValue(option->value, quick.invocation, {});
+            continue;
+        }
+        if (!inlineValue) {
+            if (i + 1 >= arguments.size())
+                return std::nullopt;
+            inlineValue = arguments[++i];
+        }
+        if (!plainValue(*inlineValue) || !valueProblem(option->value, *inlineValue).empty())
+            return std::nullopt;
+        storeValue(option->value, quick.invocation, *inlineValue);
     }
+    if (quick.command == nullptr || !invocationProblem(*quick.command, quick.invocation).empty())
+        return std::nullopt;
     return quick;
 }
 
