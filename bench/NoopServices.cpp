@@ -4,11 +4,10 @@
 
 #include "bench/NoopServices.h"
 
+#include "compiler/CacheLayout.h"
 #include "compiler/Compiler.h"
 #include "compiler/Runtime.h"
 #include "quor/Config.h"
-
-#include <filesystem>
 
 namespace quor::bench {
 namespace {
@@ -41,9 +40,8 @@ void Runtime::configure(const RuntimeConfiguration& configuration) {
 
 void Runtime::resolve() {
     standardLibraryPath_ = configuration_.standardLibraryPath;
-    cacheBranchPath_ =
-        (std::filesystem::path(configuration_.cacheRoot) / QUOR_COMPILER_VERSION).native();
-    libCachePath_ = (std::filesystem::path(cacheBranchPath_) / "lib").native();
+    cacheBranchPath_ = layout::cacheBranchPath(configuration_.cacheRoot, QUOR_COMPILER_VERSION);
+    libCachePath_ = layout::libraryCachePath(cacheBranchPath_);
     jobCount_ = configuration_.jobs == 0 ? 1 : configuration_.jobs;
 }
 

@@ -8,6 +8,7 @@
 // directory again. The workload script reads the JSON report and turns the
 // medians into ratios; nothing here judges the figures.
 
+#include "compiler/CacheLayout.h"
 #include "compiler/Runtime.h"
 #include "compiler/StandardLibraryBootstrap.h"
 #include "quor/Config.h"
@@ -66,7 +67,7 @@ void prepareReadyCache() {
     fs::create_directories(cache.library / "core");
     writeFile(cache.library / "core" / "Answer.qr",
               "package core\n\npublic struct Answer {\n    let value: Int = 42\n}\n");
-    cache.fingerprintFile = cache.library / ".quor-stdlib-fingerprint";
+    cache.fingerprintFile = cache.library / quor::compiler::layout::installedFingerprintFile;
     writeFile(cache.fingerprintFile,
               "5f0c2a4be1d36a8f9e7b1c0d2e3f4a5b6c7d8e9f00112233445566778899aabb\n");
 
@@ -79,8 +80,9 @@ void prepareReadyCache() {
         StandardLibraryBootstrap::isRequired()) {
         throw std::runtime_error("the cache did not become ready");
     }
-    cache.marker = cache.directory / "cache" / ".first-launch" / QUOR_COMPILER_VERSION / "lib" /
-                   ".quor-stdlib-ready";
+    cache.marker = quor::compiler::layout::markerPath(
+        configuration.cacheRoot, QUOR_COMPILER_VERSION,
+        fs::path(Runtime::getInstance().getLibCachePath()).filename().native());
     if (!fs::is_regular_file(cache.marker)) {
         throw std::runtime_error("no marker at " + cache.marker.native());
     }

@@ -31,6 +31,7 @@ directory in the system's temporary directory) and removed at the end unless
 import argparse
 import json
 import os
+import re
 import platform
 import shutil
 import statistics
@@ -41,6 +42,27 @@ import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 REPO = os.path.dirname(HERE)
+
+
+def layout_names():
+    """The cache layout's names, read from the header that owns them
+    (compiler/CacheLayout.h), so that the fake caches made here can never
+    spell a name differently from the compiler."""
+    with open(os.path.join(REPO, "compiler", "CacheLayout.h")) as stream:
+        text = stream.read()
+    names = dict(re.findall(r'inline constexpr std::string_view (\w+) = "([^"]*)";', text))
+    for name in ("libraryCacheName", "objectExtension", "firstLaunchDirectory",
+                 "markerFileName"):
+        if name not in names:
+            sys.exit(f"compiler/CacheLayout.h does not name {name}")
+    return names
+
+
+LAYOUT = layout_names()
+LIB = LAYOUT["libraryCacheName"]
+OBJECT_EXTENSION = LAYOUT["objectExtension"]
+FIRST_LAUNCH = LAYOUT["firstLaunchDirectory"]
+MARKER = LAYOUT["markerFileName"]
 SEED = 1
 VERSION = "0.1.6"
 
@@ -376,15 +398,15 @@ class Bench:
             payload = b"QUOR-OBJECT\t1\n" + b"type\t1\tclass\tpublic\n" * 40
             for version in old:
                 for relative in units:
-                    path = os.path.join(template, version, "lib", relative[:-3] + ".qo")
+                    path = os.path.join(template, version, LIB, relative[:-3] + OBJECT_EXTENSION)
                     os.makedirs(os.path.dirname(path), exist_ok=True)
                     with open(path, "wb") as stream:
                         stream.write(payload)
-                state = os.path.join(template, ".first-launch", version, "lib")
+                state = os.path.join(template, FIRST_LAUNCH, version, LIB)
                 os.makedirs(state)
-                with open(os.path.join(state, ".quor-stdlib-ready"), "w") as stream:
+                with open(os.path.join(state, MARKER), "w") as stream:
                     stream.write("QUOR_STANDARD_LIBRARY_CACHE\nformat=1\n")
-            os.makedirs(os.path.join(template, VERSION, "lib"))
+            os.makedirs(os.path.join(template, VERSION, LIB))
         runs = 3
         # Hard links: a fresh copy per run in a second instead of a minute. Both
         # sides then unlink names without freeing inodes, which leaves out the
@@ -394,12 +416,12 @@ class Bench:
                                runs, warmup=0, prepare=prepare)
         left = sorted(os.listdir(root))
         targets = " ".join(shell_quote(os.path.join(root, v)) + " " +
-                           shell_quote(os.path.join(root, ".first-launch", v)) for v in old)
+                           shell_quote(os.path.join(root, FIRST_LAUNCH, v)) for v in old)
         rm = self.hyperfine("rm -rf of the same directories", f"rm -rf {targets}", runs,
                             warmup=0, prepare=prepare)
         shutil.rmtree(root, ignore_errors=True)
         shutil.rmtree(template, ignore_errors=True)
-        if left != [".first-launch", VERSION]:
+        if left != [FIRST_LAUNCH, VERSION]:
             sys.exit(f"workload: pruning left {left}")
         self.figure("6", prune, rm, prune / rm)
 
@@ -438,24 +460,24 @@ class Bench:
             # this figure answers.
             for version in old:
                 for index in range(22800):
-                    folder = os.path.join(template, version, "lib", f"pkg{index // 2000:02d}",
+                    folder = os.path.join(template, version, LIB, f"pkg{index // 2000:02d}",
                                           f"sub{index // 100 % 20:02d}")
                     if index % 100 == 0:
                         os.makedirs(folder)
-                    with open(os.path.join(folder, f"Unit{index:05d}.qo"), "wb") as stream:
+                    with open(os.path.join(folder, f"Unit{index:05d}{OBJECT_EXTENSION}"), "wb") as stream:
                         stream.write(b"o" * (3000 if index % 100 < 77 else 6000))
-                state = os.path.join(template, ".first-launch", version, "lib")
+                state = os.path.join(template, FIRST_LAUNCH, version, LIB)
                 os.makedirs(state)
-                with open(os.path.join(state, ".quor-stdlib-ready"), "w") as stream:
+                with open(os.path.join(state, MARKER), "w") as stream:
                     stream.write("QUOR_STANDARD_LIBRARY_CACHE\nformat=1\n")
-            os.makedirs(os.path.join(template, VERSION, "lib"))
+            os.makedirs(os.path.join(template, VERSION, LIB))
         runs = 3 if self.quick else 7
         # Hard links, as in figure 6: a fresh copy per run in seconds, and
         # neither side frees the blocks, which leaves the size walk a larger
         # share of the tool's time than on a real cache.
         prepare = f"rm -rf {shell_quote(root)} && cp -al {shell_quote(template)} {shell_quote(root)} && sync"
         targets = [path for v in old
-                   for path in (os.path.join(root, v), os.path.join(root, ".first-launch", v))]
+                   for path in (os.path.join(root, v), os.path.join(root, FIRST_LAUNCH, v))]
         medians = self.alternate(
             {"quor-stdlib prune (listing included)":
                  [self.tool, "--cache-root", root, "prune"],
@@ -470,7 +492,7 @@ class Bench:
         shutil.rmtree(root, ignore_errors=True)
         if not self.args.keep:
             shutil.rmtree(template, ignore_errors=True)
-        if left != [".first-launch", VERSION]:
+        if left != [FIRST_LAUNCH, VERSION]:
             sys.exit(f"workload: prune left {left}")
         prune = medians["quor-stdlib prune (listing included)"]
         rm = medians["rm -rf of the same directories"]

@@ -81,10 +81,6 @@ struct FirstLaunchPaths {
 };
 FirstLaunchPaths currentPaths();
 
-// Whether `name` is the name of a build lock file as the bootstrap makes them:
-// ".stdlib-bootstrap-" + a library-cache leaf that is not empty + ".lock".
-bool isLockFileName(std::string_view name);
-
 // Why a marker does or does not certify an identity.
 enum class MarkerVerdict {
     Valid,      // every line matches the identity

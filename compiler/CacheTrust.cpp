@@ -6,6 +6,8 @@
 #include "compiler/CacheTrust.h"
 #include "compiler/ServiceError.h"
 
+#include "compiler/CacheLayout.h"
+
 #include <cerrno>
 #include <deque>
 #include <string>
@@ -212,6 +214,7 @@ public:
         }
         switch (entry.kind) {
         case CacheLayoutEntry::Kind::Directory:
+        case CacheLayoutEntry::Kind::ExistingDirectory:
             checkOwnDirectory(entry.path, info);
             return;
         case CacheLayoutEntry::Kind::LockFile:
@@ -237,7 +240,37 @@ private:
     bool prepare_;
 };
 
+// The paths of the cache branch, the set-aside area of kind `setAside`.
+std::vector<CacheLayoutEntry> branchLayout(const fs::path& cacheBranch,
+                                           const fs::path& libraryCache,
+                                           CacheLayoutEntry::Kind setAside) {
+    using Kind = CacheLayoutEntry::Kind;
+    return {{cacheBranch, Kind::Directory},
+            {libraryCache, Kind::Directory},
+            {layout::abiRecordPath(libraryCache.native()), Kind::DataFile},
+            {layout::setAsideDirectoryPath(cacheBranch.native()), setAside}};
+}
+
 } // namespace
+
+std::vector<CacheLayoutEntry> cacheLayoutToVerify(const fs::path& cacheBranch,
+                                                  const fs::path& libraryCache) {
+    return branchLayout(cacheBranch, libraryCache, CacheLayoutEntry::Kind::Directory);
+}
+
+std::vector<CacheLayoutEntry> cacheLayoutToVerify(const fs::path& cacheBranch,
+                                                  const fs::path& libraryCache,
+                                                  const FirstLaunchLayout& state) {
+    using Kind = CacheLayoutEntry::Kind;
+    std::vector<CacheLayoutEntry> entries =
+        branchLayout(cacheBranch, libraryCache, Kind::ExistingDirectory);
+    entries.insert(entries.end(), {{state.firstLaunch, Kind::Directory},
+                                   {state.versionState, Kind::Directory},
+                                   {state.stateDirectory, Kind::Directory},
+                                   {state.lockFile, Kind::LockFile},
+                                   {state.marker, Kind::DataFile}});
+    return entries;
+}
 
 CacheAccess verifyCacheRoot(const fs::path& cacheRoot, const std::vector<CacheLayoutEntry>& layout,
                             bool prepare) {

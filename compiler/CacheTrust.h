@@ -47,13 +47,43 @@ public:
 // One path of the cache layout that is read or written below the cache root.
 struct CacheLayoutEntry {
     enum class Kind {
-        Directory, // must be a real directory; created when missing and preparing
-        LockFile,  // opened with O_CREAT: a link, FIFO or device there is refused
-        DataFile,  // read as a whole: when it is a regular file, it must be trusted
+        Directory,         // must be a real directory; created when missing and preparing
+        ExistingDirectory, // must be a real directory when it exists; never created here
+        LockFile,          // opened with O_CREAT: a link, FIFO or device there is refused
+        DataFile,          // read as a whole: when it is a regular file, it must be trusted
     };
     std::filesystem::path path;
     Kind kind = Kind::Directory;
 };
+
+// The bootstrap's first-launch state of one library cache, as the bootstrap
+// composes its paths.
+struct FirstLaunchLayout {
+    std::filesystem::path firstLaunch;    // <cache root>/.first-launch
+    std::filesystem::path versionState;   // <cache root>/.first-launch/<version>
+    std::filesystem::path stateDirectory; // <version state>/<library cache leaf>
+    std::filesystem::path lockFile;       // <version state>/.stdlib-bootstrap-<leaf>.lock
+    std::filesystem::path marker;         // <state directory>/.quor-stdlib-ready
+};
+
+// What the check covers below the cache root, in the order it is made: the
+// cache branch `cacheBranch`, its library cache `libraryCache`, the object ABI
+// record in it, and the set-aside area of the branch, whose objects a build
+// moves back into the library cache and which must therefore be as trusted as
+// the library cache itself. This is the list the services check before they
+// change the library cache; every directory in it is created when missing.
+std::vector<CacheLayoutEntry> cacheLayoutToVerify(const std::filesystem::path& cacheBranch,
+                                                  const std::filesystem::path& libraryCache);
+
+// The same paths, followed by the first-launch state `state`: .first-launch,
+// the version's state and the state directory, the lock file, the marker.
+// What quor-stdlib checks before a subcommand reads or writes the cache, and
+// what a program that embeds the bootstrap checks before ensure(). The
+// set-aside area is an ExistingDirectory here: the services, which fill it,
+// create it; a check made before them only vouches for it where it exists.
+std::vector<CacheLayoutEntry> cacheLayoutToVerify(const std::filesystem::path& cacheBranch,
+                                                  const std::filesystem::path& libraryCache,
+                                                  const FirstLaunchLayout& state);
 
 // Checks `cacheRoot`, the directories that lead to it, and each entry of
 // `layout` that exists, in order. With `prepare` and a cache root the user owns,

@@ -11,8 +11,10 @@
 #include "compiler/Compiler.h"
 #include "compiler/ServiceError.h"
 
+#include "compiler/CacheLayout.h"
 #include "compiler/CacheTrust.h"
 #include "compiler/ObjectCache.h"
+#include "compiler/ObjectFormat.h"
 #include "compiler/Runtime.h"
 #include "compiler/SourceManager.h"
 
@@ -31,6 +33,7 @@
 #include <optional>
 #include <set>
 #include <stdexcept>
+#include <string_view>
 #include <sys/stat.h>
 #include <system_error>
 #include <thread>
@@ -41,10 +44,6 @@ namespace quor::compiler {
 namespace {
 
 namespace fs = std::filesystem;
-
-// Raise it whenever docs/object-format.md changes: a cache written for another
-// value is cleared by ensureObjectAbiCacheCurrent().
-constexpr int objectAbi = 2;
 
 std::string systemMessage(int error) {
     return std::generic_category().message(error);
@@ -134,7 +133,8 @@ struct Batch {
         for (std::size_t index = first; index < last && !stop.load(); ++index) {
             try {
                 const auto started = WorkClock::now();
-                ObjectUpdate update = updateObject(units[index], setAside, objectAbi);
+                ObjectUpdate update =
+                    updateObject(units[index], setAside, objectformat::abiVersion);
                 objectBytes.fetch_add(update.bytes);
                 if (update.outcome == ObjectOutcome::Compiled) {
                     compiledObjects.push_back(
@@ -259,9 +259,10 @@ void syncLibraryCache(const std::string& lib) {
     }
 }
 
-// Vouches for the cache root before the library cache is changed, and creates
-// the cache branch and the library cache when they are missing. Only a cache
-// the running user owns is written to: one owned by root is left to root.
+// Vouches for the cache root and the paths of the cache branch that the trust
+// check covers (cacheLayoutToVerify()) before the library cache is changed,
+// and creates the directories among them that are missing. Only a cache the
+// running user owns is written to: one owned by root is left to root.
 void verifyLibraryCache() {
     const Runtime& runtime = Runtime::getInstance();
     const fs::path branch = runtime.getCacheBranchPath();
@@ -270,13 +271,7 @@ void verifyLibraryCache() {
     if (root.empty()) {
         root = ".";
     }
-    using Kind = CacheLayoutEntry::Kind;
-    if (verifyCacheRoot(root,
-                        {{branch, Kind::Directory},
-                         {lib, Kind::Directory},
-                         {lib / abiRecordFileName, Kind::DataFile},
-                         {setAsideDirectory(), Kind::Directory}},
-                        true) == CacheAccess::ReadOnly) {
+    if (verifyCacheRoot(root, cacheLayoutToVerify(branch, lib), true) == CacheAccess::ReadOnly) {
         throw UntrustedCacheError("Quor cache root '" + root.native() +
                                   "' belongs to root and is read-only for you; ask an "
                                   "administrator to build it there, or choose a cache root that "
@@ -358,7 +353,7 @@ void createObjectDirectory(const fs::path& lib, const fs::path& directory) {
 // Removes every entry of `directory` but the one named `keep`. remove_all()
 // deletes a symbolic link itself, never what it points to. A missing
 // directory has nothing to remove.
-void clearDirectory(const fs::path& directory, const std::string& keep) {
+void clearDirectory(const fs::path& directory, std::string_view keep) {
     std::error_code error;
     fs::directory_iterator entries(directory, error);
     if (error == std::errc::no_such_file_or_directory) {
@@ -387,7 +382,7 @@ void clearDirectory(const fs::path& directory, const std::string& keep) {
 } // namespace
 
 int Compiler::objectAbiVersion() {
-    return objectAbi;
+    return objectformat::abiVersion;
 }
 
 void Compiler::ensureObjectAbiCacheCurrent() {
@@ -414,8 +409,8 @@ void Compiler::ensureObjectAbiCacheCurrent() {
         prepared.path = lib;
         prepared.identity = identityOf(lib);
     }
-    const fs::path record = lib / abiRecordFileName;
-    const std::string current = std::to_string(objectAbi);
+    const fs::path record = layout::abiRecordPath(lib.native());
+    const std::string current = std::to_string(objectformat::abiVersion);
     if (readAbiRecord(record) == current) {
         return; // the precompiler sweeps what else is there
     }
@@ -423,7 +418,7 @@ void Compiler::ensureObjectAbiCacheCurrent() {
     // Everything in the library cache and the set-aside area was written by the
     // precompiler for the recorded ABI (or for none, when the record is
     // missing), so all of it goes.
-    clearDirectory(lib, abiRecordFileName);
+    clearDirectory(lib, layout::abiRecordFileName);
     clearDirectory(setAsideDirectory(), "");
     if (int failure = writeFileAtomically(record, current + "\n"); failure != 0) {
         throw CacheIoError("Unable to record Quor object ABI '" + record.native() +
@@ -443,6 +438,7 @@ void Compiler::precompileSources(
     SourceManager::instance().stopReadAhead();
     const std::vector<PlannedObject> units = planObjects(sources);
     const std::string& lib = Runtime::getInstance().getLibCachePath();
+    const fs::path abiRecord = layout::abiRecordPath(lib);
     const fs::path setAside = setAsideDirectory();
 
     // The library cache must still be the one that was made current, and stay
@@ -466,12 +462,11 @@ void Compiler::precompileSources(
         withdrawReadinessMarker();
     }
     const DirectoryIdentity identity = identityOf(lib);
-    if (preparedHere &&
-        (!(preparedIdentity == identity) ||
-         readAbiRecord(fs::path(lib) / abiRecordFileName) != std::to_string(objectAbi))) {
+    if (preparedHere && (!(preparedIdentity == identity) ||
+                         readAbiRecord(abiRecord) != std::to_string(objectformat::abiVersion))) {
         throw libraryCacheReplaced(lib);
     }
-    const std::string recordAtStart = readAbiRecord(fs::path(lib) / abiRecordFileName);
+    const std::string recordAtStart = readAbiRecord(abiRecord);
 
     // The batch is the whole library: whatever in the cache belongs to none of
     // its units goes first, so that the cache ends up as a clean build of this
@@ -479,7 +474,7 @@ void Compiler::precompileSources(
     // The caller's session, if it keeps one, learns what this run did.
     BuildSession* const session = BuildSession::current();
     PrecompileSummary summary;
-    summary.removed = sweepLibraryCache(lib, units, setAside, abiRecordFileName);
+    summary.removed = sweepLibraryCache(lib, units, setAside, layout::abiRecordFileName);
     if (session != nullptr) {
         session->recordSummary(summary);
     }
@@ -566,8 +561,7 @@ void Compiler::precompileSources(
         throw libraryCacheReplaced(lib);
     }
     syncLibraryCache(lib);
-    if (!(identityOf(lib) == identity) ||
-        readAbiRecord(fs::path(lib) / abiRecordFileName) != recordAtStart) {
+    if (!(identityOf(lib) == identity) || readAbiRecord(abiRecord) != recordAtStart) {
         throw libraryCacheReplaced(lib);
     }
 }

@@ -28,7 +28,8 @@ public:
 
     Compiler() = delete;
 
-    // The version of the compiled-object format. The same value for the whole
+    // The version of the compiled-object format, which the object format's own
+    // module keeps (compiler/ObjectFormat.h). The same value for the whole
     // life of the process.
     static int objectAbiVersion();
 

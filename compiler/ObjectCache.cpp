@@ -6,14 +6,17 @@
 // its time stamp, not its size, not a record written elsewhere). A sound
 // object that a build must replace is moved into the set-aside area rather
 // than deleted, under a name made of the unit and those bytes, which is what
-// makes a switch back to an earlier library cost one rename per unit.
+// makes a switch back to an earlier library cost one rename per unit. What an
+// object's bytes say is read by the object format (compiler/ObjectFormat.h),
+// and where objects, the ABI record and the set-aside area lie is the cache
+// layout's (compiler/CacheLayout.h).
 
 #include "compiler/ObjectCache.h"
 #include "compiler/PathText.h"
 #include "compiler/ServiceError.h"
 
 #include "compiler/CacheLayout.h"
-#include "compiler/Compiler.h"
+#include "compiler/ObjectFormat.h"
 #include "compiler/Runtime.h"
 #include "compiler/Sha256.h"
 #include "compiler/SourceManager.h"
@@ -51,17 +54,18 @@ constexpr std::uint64_t objectReadLimit = std::uint64_t(256) << 20;
 // picks at the same time.
 std::string temporarySuffix() {
     static std::atomic<unsigned long> counter{0};
-    return ".tmp." + std::to_string(::getpid()) + "." + std::to_string(++counter);
+    return std::string(layout::temporaryMarker) + std::to_string(::getpid()) + "." +
+           std::to_string(++counter);
 }
 
 // The process id in a temporary's name (".<name>.tmp.<pid>.<n>"), or 0 when
 // the name is not one of ours.
 pid_t temporaryWriter(const std::string& name) {
-    const std::size_t marker = name.rfind(".tmp.");
+    const std::size_t marker = name.rfind(layout::temporaryMarker);
     if (name.empty() || name[0] != '.' || marker == std::string::npos) {
         return 0;
     }
-    const std::size_t start = marker + 5;
+    const std::size_t start = marker + layout::temporaryMarker.size();
     const std::size_t end = name.find('.', start);
     if (end == std::string::npos || end == start) {
         return 0;
@@ -132,82 +136,12 @@ FileBytes readRegularFile(const fs::path& path) {
     return result;
 }
 
-// The fields of one record line ("tag\tfield\tfield"), still escaped.
-std::vector<std::string_view> recordFields(std::string_view line) {
-    std::vector<std::string_view> fields;
-    std::size_t start = 0;
-    while (true) {
-        const std::size_t tab = line.find('\t', start);
-        fields.push_back(line.substr(start, tab == std::string_view::npos ? tab : tab - start));
-        if (tab == std::string_view::npos) {
-            return fields;
-        }
-        start = tab + 1;
-    }
-}
-
-// The head of an object that vouches for itself: what it says about its unit.
-struct ObjectHead {
-    std::string abi;
-    std::string unitField; // the unit path as recorded, escaped
-    std::string sourceSize;
-    std::string sourceSha256;
-};
-
-bool isHexDigest(std::string_view text) {
-    return text.size() == 64 && std::all_of(text.begin(), text.end(), [](char c) {
-               return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f');
-           });
-}
-
-// Parses `bytes` as an object. Returns "" and fills `head` when the object is
-// intact (its first record names the format, and its last record's checksum
-// matches every byte before it); otherwise the phrase that says what is wrong.
-std::string readHead(std::string_view bytes, ObjectHead& head) {
-    const std::size_t firstEnd = bytes.find('\n');
-    if (firstEnd == std::string_view::npos || !bytes.starts_with("QUOR-OBJECT\t")) {
-        return "not a Quor object";
-    }
-    head.abi = std::string(bytes.substr(12, firstEnd - 12));
-    if (head.abi != std::to_string(Compiler::objectAbiVersion())) {
-        return "written for object ABI " + head.abi + ", not " +
-               std::to_string(Compiler::objectAbiVersion());
-    }
-    if (bytes.back() != '\n' || bytes.size() < 2) {
-        return "truncated or edited (its checksum does not match)";
-    }
-    const std::size_t lastStart = bytes.rfind('\n', bytes.size() - 2) + 1;
-    const std::vector<std::string_view> end =
-        recordFields(bytes.substr(lastStart, bytes.size() - 1 - lastStart));
-    if (end.size() != 3 || end[0] != "end" || !isHexDigest(end[2]) ||
-        Sha256::hex(bytes.substr(0, lastStart)) != end[2]) {
-        return "truncated or edited (its checksum does not match)";
-    }
-    // Intact: the records before the checksum are the compiler's own.
-    std::size_t position = firstEnd + 1;
-    for (const char* tag : {"unit", "source-size", "source-sha256"}) {
-        const std::size_t lineEnd = bytes.find('\n', position);
-        const std::vector<std::string_view> fields =
-            recordFields(bytes.substr(position, lineEnd - position));
-        if (fields.size() != 2 || fields[0] != tag) {
-            return "not a Quor object";
-        }
-        std::string& target = std::string_view(tag) == "unit"          ? head.unitField
-                              : std::string_view(tag) == "source-size" ? head.sourceSize
-                                                                       : head.sourceSha256;
-        target = std::string(fields[1]);
-        position = lineEnd + 1;
-    }
-    return {};
-}
-
-// The bootstrap's marker path for the configured runtime; the bootstrap keeps
-// it at <cache root>/.first-launch/<version>/<library cache leaf>.
+// The bootstrap's marker path for the configured runtime.
 fs::path readinessMarkerPath() {
     const Runtime& runtime = Runtime::getInstance();
-    return fs::path(runtime.getCacheBranchPath()).parent_path() / layout::firstLaunchDirectory /
-           QUOR_COMPILER_VERSION / fs::path(runtime.getLibCachePath()).filename() /
-           layout::markerFileName;
+    return layout::markerPath(fs::path(runtime.getCacheBranchPath()).parent_path().native(),
+                              QUOR_COMPILER_VERSION,
+                              fs::path(runtime.getLibCachePath()).filename().native());
 }
 
 // Moves the sound object at `object` (of the unit recorded as `unitField`,
@@ -232,18 +166,18 @@ struct BatchLayout {
 };
 
 BatchLayout layoutOf(const fs::path& lib, const std::vector<PlannedObject>& planned) {
-    BatchLayout layout;
-    layout.objects.reserve(planned.size());
+    BatchLayout batch;
+    batch.objects.reserve(planned.size());
     for (const PlannedObject& unit : planned) {
-        layout.objects.insert(unit.object.native());
+        batch.objects.insert(unit.object.native());
         for (fs::path folder = unit.object.parent_path();
              folder != lib && folder.has_relative_path(); folder = folder.parent_path()) {
-            if (!layout.folders.insert(folder.native()).second) {
+            if (!batch.folders.insert(folder.native()).second) {
                 break;
             }
         }
     }
-    return layout;
+    return batch;
 }
 
 // The record is one short word; anything past this many bytes cannot be part of
@@ -269,9 +203,7 @@ std::vector<PlannedObject> planObjects(const std::vector<std::string>& sources) 
         if (source.starts_with(prefix) && source.ends_with(layout::sourceExtension) &&
             source.size() > prefix.size() + 3 && isAbsoluteAndNormal(source)) {
             const std::string_view relative = std::string_view(source).substr(prefix.size());
-            fs::path object = lib / relative;
-            object.replace_extension(".qo");
-            planned.push_back({source, std::string(relative), std::move(object)});
+            planned.push_back({source, std::string(relative), layout::objectPath(lib, relative)});
             continue;
         }
         fs::path absolute = fs::absolute(source, error).lexically_normal();
@@ -289,9 +221,9 @@ std::vector<PlannedObject> planObjects(const std::vector<std::string>& sources) 
             throw ServiceInternalError(source +
                                        ":1:1: not a Quor source unit (its name must end in .qr)");
         }
-        fs::path object = lib / relative;
-        object.replace_extension(".qo");
-        planned.push_back({source, relative.generic_string(), object});
+        std::string unitPath = relative.generic_string();
+        fs::path object = layout::objectPath(lib, unitPath);
+        planned.push_back({source, std::move(unitPath), std::move(object)});
     }
     return planned;
 }
@@ -334,12 +266,12 @@ ObjectJudgement judgeObject(const fs::path& object, std::string_view unitPath,
         judgement.problem = "unreadable: " + systemMessage(file.error);
         return judgement;
     }
-    ObjectHead head;
-    if (std::string problem = readHead(file.bytes, head); !problem.empty()) {
+    objectformat::Head head;
+    if (std::string problem = objectformat::readHead(file.bytes, head); !problem.empty()) {
         judgement.problem = std::move(problem);
         return judgement;
     }
-    if (head.unitField != objectField(unitPath)) {
+    if (head.unitField != objectformat::escapedField(unitPath)) {
         judgement.problem = "the object of another unit ('" + head.unitField + "')";
         return judgement;
     }
@@ -355,7 +287,7 @@ ObjectJudgement judgeObject(const fs::path& object, std::string_view unitPath,
 }
 
 fs::path setAsideDirectory() {
-    return fs::path(Runtime::getInstance().getCacheBranchPath()) / "set-aside";
+    return layout::setAsideDirectoryPath(Runtime::getInstance().getCacheBranchPath());
 }
 
 fs::path setAsidePath(const fs::path& setAside, std::string_view unitField,
@@ -363,7 +295,7 @@ fs::path setAsidePath(const fs::path& setAside, std::string_view unitField,
     std::string key(unitField);
     key += '\n';
     key += sourceSha256;
-    return setAside / (Sha256::hex(key) + ".qo");
+    return setAside / layout::setAsideEntryName(Sha256::hex(key));
 }
 
 std::string readAbiRecord(const fs::path& path) {
@@ -406,7 +338,7 @@ LibraryCacheReport inspectLibraryCache(const std::vector<std::string>& sources) 
     const std::vector<PlannedObject> planned = planObjects(sources);
     const fs::path lib = Runtime::getInstance().getLibCachePath();
     const fs::path setAside = setAsideDirectory();
-    const BatchLayout layout = layoutOf(lib, planned);
+    const BatchLayout batch = layoutOf(lib, planned);
     report.units.reserve(planned.size());
     for (const PlannedObject& unit : planned) {
         UnitObjectReport entry;
@@ -420,16 +352,18 @@ LibraryCacheReport inspectLibraryCache(const std::vector<std::string>& sources) 
             entry.judgement = judgeObject(unit.object, unit.unitPath, text->size(), digest);
             if (entry.judgement.verdict != ObjectVerdict::Sound) {
                 entry.setAside =
-                    judgeObject(setAsidePath(setAside, objectField(unit.unitPath), digest),
-                                unit.unitPath, text->size(), digest)
+                    judgeObject(
+                        setAsidePath(setAside, objectformat::escapedField(unit.unitPath), digest),
+                        unit.unitPath, text->size(), digest)
                         .verdict == ObjectVerdict::Sound;
             }
         }
         report.units.push_back(std::move(entry));
     }
 
-    report.abiRecord = readAbiRecord(lib / abiRecordFileName);
-    report.abiRecordCurrent = report.abiRecord == std::to_string(Compiler::objectAbiVersion());
+    const fs::path abiRecord = layout::abiRecordPath(lib.native());
+    report.abiRecord = readAbiRecord(abiRecord);
+    report.abiRecordCurrent = report.abiRecord == std::to_string(objectformat::abiVersion);
 
     std::error_code error;
     fs::recursive_directory_iterator entries(lib, fs::directory_options::none, error);
@@ -441,14 +375,13 @@ LibraryCacheReport inspectLibraryCache(const std::vector<std::string>& sources) 
         std::error_code typeError;
         const fs::file_status status = entries->symlink_status(typeError);
         if (fs::is_directory(status)) {
-            if (layout.folders.count(path.native()) == 0) {
+            if (batch.folders.count(path.native()) == 0) {
                 report.orphans.push_back(path);
                 entries.disable_recursion_pending();
             }
             continue;
         }
-        if (layout.objects.count(path.native()) != 0 ||
-            (path.parent_path() == lib && path.filename() == abiRecordFileName)) {
+        if (batch.objects.count(path.native()) != 0 || path == abiRecord) {
             continue;
         }
         report.orphans.push_back(path);
@@ -517,7 +450,7 @@ int writeFileAtomically(const fs::path& path, std::string_view data) {
 
 std::size_t sweepLibraryCache(const fs::path& lib, const std::vector<PlannedObject>& planned,
                               const fs::path& setAside, std::string_view keepName) {
-    const BatchLayout layout = layoutOf(lib, planned);
+    const BatchLayout batch = layoutOf(lib, planned);
     const auto failure = [](const fs::path& path, const std::error_code& error) {
         return CacheIoError("Unable to remove stale Quor object '" + path.native() +
                             "': " + error.message());
@@ -531,7 +464,7 @@ std::size_t sweepLibraryCache(const fs::path& lib, const std::vector<PlannedObje
         const fs::file_status status = entries->symlink_status(typeError);
         const std::string name = path.filename().native();
         if (fs::is_directory(status)) {
-            if (layout.folders.count(path.native()) != 0) {
+            if (batch.folders.count(path.native()) != 0) {
                 continue;
             }
             // A folder no unit needs any more. Its sound objects are set aside
@@ -543,8 +476,8 @@ std::size_t sweepLibraryCache(const fs::path& lib, const std::vector<PlannedObje
                  inner.increment(innerError)) {
                 if (inner->is_regular_file(typeError) && !inner->is_symlink(typeError)) {
                     const FileBytes file = readRegularFile(inner->path());
-                    ObjectHead head;
-                    if (file.error == 0 && readHead(file.bytes, head).empty()) {
+                    objectformat::Head head;
+                    if (file.error == 0 && objectformat::readHead(file.bytes, head).empty()) {
                         setAsideObject(inner->path(), setAside, head.unitField, head.sourceSha256);
                     }
                 }
@@ -560,7 +493,7 @@ std::size_t sweepLibraryCache(const fs::path& lib, const std::vector<PlannedObje
             continue;
         }
         const bool regular = fs::is_regular_file(status);
-        if (regular && layout.objects.count(path.native()) != 0) {
+        if (regular && batch.objects.count(path.native()) != 0) {
             continue; // judged by updateObject()
         }
         if (regular && belongsToLiveWriter(name)) {
@@ -568,8 +501,8 @@ std::size_t sweepLibraryCache(const fs::path& lib, const std::vector<PlannedObje
         }
         if (regular && temporaryWriter(name) == 0) {
             const FileBytes file = readRegularFile(path);
-            ObjectHead head;
-            if (file.error == 0 && readHead(file.bytes, head).empty() &&
+            objectformat::Head head;
+            if (file.error == 0 && objectformat::readHead(file.bytes, head).empty() &&
                 setAsideObject(path, setAside, head.unitField, head.sourceSha256)) {
                 ++removed;
                 continue;
@@ -594,7 +527,7 @@ ObjectUpdate updateObject(const PlannedObject& planned, const fs::path& setAside
         throw CacheIoError(planned.source + ":1:1: unable to read the unit");
     }
     const std::string digest = Sha256::hex(*text);
-    const std::string unitField = objectField(planned.unitPath);
+    const std::string unitField = objectformat::escapedField(planned.unitPath);
     ObjectUpdate update;
 
     const ObjectJudgement current =
@@ -651,8 +584,7 @@ void trimSetAside(const fs::path& setAside, std::uint64_t budget) {
         const fs::path& path = entries->path();
         struct stat status {};
         const std::string name = path.filename().native();
-        const bool ours = name.size() == 67 && name.ends_with(".qo") &&
-                          isHexDigest(std::string_view(name).substr(0, 64));
+        const bool ours = layout::isSetAsideEntryName(name);
         if (::lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) && ours) {
             objects.push_back({path, status.st_mtim, std::uint64_t(status.st_size)});
             total += std::uint64_t(status.st_size);

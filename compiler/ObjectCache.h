@@ -66,14 +66,14 @@ struct ObjectJudgement {
 ObjectJudgement judgeObject(const std::filesystem::path& object, std::string_view unitPath,
                             std::uint64_t sourceSize, std::string_view sourceSha256);
 
-// Where a build sets aside the sound objects it displaces:
-// <cache branch>/set-aside. Its entries are named for the unit and the bytes
-// they were compiled from, so a later build of those bytes moves the object
-// back instead of compiling it.
+// Where a build sets aside the sound objects it displaces, for the configured
+// Runtime: layout::setAsideDirectoryPath() of its cache branch. Its entries are named for the unit
+// and the bytes they were compiled from, so a later build of those bytes moves the object back
+// instead of compiling it.
 std::filesystem::path setAsideDirectory();
 
 // The set-aside entry for the unit whose path, as an object records it
-// (objectField(), escaped), is `unitField`, compiled from bytes hashing to
+// (objectformat::escapedField()), is `unitField`, compiled from bytes hashing to
 // `sourceSha256`. The recorded form is the one an object found on its own
 // carries, so that the sweep and a build name the same entry.
 std::filesystem::path setAsidePath(const std::filesystem::path& setAside,
@@ -91,7 +91,7 @@ struct LibraryCacheReport {
     std::vector<UnitObjectReport> units;        // in the order of `sources`
     std::vector<std::filesystem::path> orphans; // in the library cache, of no unit
     std::string abiRecord;                      // the ABI record's word, "" when there is none
-    bool abiRecordCurrent = false;              // it names Compiler::objectAbiVersion()
+    bool abiRecordCurrent = false;              // it names objectformat::abiVersion
 };
 
 // Examines the library cache for `sources` without changing anything: each
@@ -101,8 +101,6 @@ struct LibraryCacheReport {
 // cannot be listed.
 LibraryCacheReport inspectLibraryCache(const std::vector<std::string>& sources);
 
-// The file in the library cache that names the ABI its objects were written for.
-inline constexpr const char* abiRecordFileName = ".quor-object-abi";
 
 // The first white-space-delimited word of the ABI record at `path`, or "" when
 // there is no record. Only a regular file reached without a symbolic link is a

@@ -6,6 +6,7 @@
 
 #include "compiler/Runtime.h"
 
+#include "compiler/CacheLayout.h"
 #include "compiler/LibraryLocation.h"
 #include "quor/Config.h"
 
@@ -142,8 +143,8 @@ void Runtime::resolve() {
     if (cacheRoot.empty()) {
         cacheRoot = defaultCacheRoot();
     }
-    cacheBranchPath_ = (fs::path(cacheRoot) / QUOR_COMPILER_VERSION).native();
-    libCachePath_ = (fs::path(cacheBranchPath_) / "lib").native();
+    cacheBranchPath_ = layout::cacheBranchPath(cacheRoot, QUOR_COMPILER_VERSION);
+    libCachePath_ = layout::libraryCachePath(cacheBranchPath_);
 
     jobCount_ = configuration_.jobs;
     if (jobCount_ == 0) {

@@ -444,20 +444,13 @@ std::string fallbackFingerprint() {
            std::to_string(Compiler::objectAbiVersion());
 }
 
-// The paths of the first-launch state are composed as text, exactly as
-// std::filesystem composes them on POSIX, because every compiler start pays
-// for them: a path object splits its text into a list of element paths on
-// construction and again on every append, several times the cost of the two
-// file reads the ready path exists for. Every piece appended here is
-// relative, so `path / piece` comes down to one rule: a separator goes between
-// the two when the left side has a file name, that is, when it is not empty
-// and does not end in '/'.
-void appendPathElement(std::string& path, std::string_view element) {
-    if (!path.empty() && path.back() != '/') {
-        path += '/';
-    }
-    path += element;
-}
+// The paths of the first-launch state are composed as text, by
+// compiler/CacheLayout.h's rules, exactly as std::filesystem composes them on
+// POSIX, because every compiler start pays for them: a path object splits its
+// text into a list of element paths on construction and again on every
+// append, several times the cost of the two file reads the ready path exists
+// for.
+using layout::appendPathElement;
 
 // path::filename(): what follows the last '/', the whole text when there is
 // none, and empty for a text that ends in '/'.
@@ -503,30 +496,20 @@ struct FirstLaunchIdentity {
 // library cache.
 void composeMarkerPath(std::string& marker, std::size_t& stateDirectoryLength) {
     const std::string_view cacheRoot = parentPathOf(Runtime::getInstance().getCacheBranchPath());
-    // Room for the pieces below and a library-cache leaf of up to 64 bytes,
-    // so that the text is normally allocated once.
-    marker.reserve(cacheRoot.size() + layout::firstLaunchDirectory.size() + compilerVersion.size() +
-                   layout::markerFileName.size() + 64 + 4);
-    marker = cacheRoot;
-    appendPathElement(marker, layout::firstLaunchDirectory);
-    appendPathElement(marker, compilerVersion);
-    appendPathElement(marker, fileNameOf(Runtime::getInstance().getLibCachePath()));
+    marker = layout::stateDirectoryPath(cacheRoot, compilerVersion,
+                                        fileNameOf(Runtime::getInstance().getLibCachePath()));
     stateDirectoryLength = marker.size();
     appendPathElement(marker, layout::markerFileName);
 }
 
 // The installed fingerprint file of the library at `libraryDirectory`.
-std::string installedFingerprintFile(std::string libraryDirectory) {
-    appendPathElement(libraryDirectory, layout::installedFingerprintFile);
-    return libraryDirectory;
+std::string installedFingerprintFile(const std::string& libraryDirectory) {
+    return layout::installedFingerprintPath(libraryDirectory);
 }
 
 // The build tree's generated fingerprint file.
 std::string buildTreeFingerprintFile() {
-    std::string file(buildTreeDirectory);
-    appendPathElement(file, layout::generatedDirectory);
-    appendPathElement(file, layout::buildTreeFingerprintFile);
-    return file;
+    return layout::buildTreeFingerprintPath(buildTreeDirectory);
 }
 
 // The identity after the installed fingerprint file has given `installed`.
@@ -669,9 +652,7 @@ struct BootstrapLock {
 // builds of different library caches of one version do not wait for each
 // other.
 fs::path lockFileOf(const fs::path& stateDirectory) {
-    return stateDirectory.parent_path() /
-           (std::string(layout::lockFilePrefix) + stateDirectory.filename().string() +
-            std::string(layout::lockFileSuffix));
+    return stateDirectory.parent_path() / layout::lockFileName(stateDirectory.filename().native());
 }
 
 std::runtime_error lockError(const fs::path& lockPath) {
@@ -1112,12 +1093,9 @@ FirstLaunchPaths currentPaths() {
     paths.cacheBranch = runtime.getCacheBranchPath();
     paths.libraryCache = runtime.getLibCachePath();
     paths.cacheRoot = std::string(parentPathOf(paths.cacheBranch.native()));
-    std::string firstLaunch(paths.cacheRoot.native());
-    appendPathElement(firstLaunch, layout::firstLaunchDirectory);
-    std::string versionState = firstLaunch;
-    appendPathElement(versionState, compiler::compilerVersion);
-    paths.firstLaunch = firstLaunch;
-    paths.versionState = versionState;
+    paths.firstLaunch = layout::firstLaunchPath(paths.cacheRoot.native());
+    paths.versionState =
+        layout::versionStatePath(paths.cacheRoot.native(), compiler::compilerVersion);
     paths.stateDirectory = marker.substr(0, stateDirectoryLength);
     paths.marker = marker;
     paths.lockFile = lockFileOf(paths.stateDirectory);
@@ -1307,13 +1285,8 @@ std::vector<std::string> libraryUnitFiles(const fs::path& root,
 }
 
 VersionDirectories versionDirectories(const fs::path& cacheRoot, std::string_view version) {
-    const fs::path root = cacheRoot.lexically_normal();
-    return {root / version, root / layout::firstLaunchDirectory / version};
-}
-
-bool isLockFileName(std::string_view name) {
-    return name.size() > layout::lockFilePrefix.size() + layout::lockFileSuffix.size() &&
-           name.starts_with(layout::lockFilePrefix) && name.ends_with(layout::lockFileSuffix);
+    const std::string root = cacheRoot.lexically_normal().native();
+    return {layout::cacheBranchPath(root, version), layout::versionStatePath(root, version)};
 }
 
 RemovalVerdict removalVerdict(const fs::path& cacheRoot, const fs::path& candidate) {

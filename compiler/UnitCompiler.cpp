@@ -6,6 +6,7 @@
 
 #include "compiler/UnitCompiler.h"
 
+#include "compiler/ObjectFormat.h"
 #include "compiler/Sha256.h"
 #include "compiler/Tokenizer.h"
 #include "compiler/source/TypeHeader.h"
@@ -33,46 +34,6 @@ bool isKindKeyword(std::string_view word) {
            word == "trait";
 }
 
-const char* kindName(source::TypeKind kind) {
-    switch (kind) {
-    case source::TypeKind::Struct:
-        return "struct";
-    case source::TypeKind::Enum:
-        return "enum";
-    case source::TypeKind::Class:
-        return "class";
-    case source::TypeKind::Interface:
-        return "interface";
-    case source::TypeKind::Trait:
-        return "trait";
-    }
-    return "class";
-}
-
-// Fields of an object record are separated by tabs and records by line feeds,
-// so the few characters that could break that are escaped.
-void appendField(std::string& out, std::string_view field) {
-    out += '\t';
-    for (char c : field) {
-        switch (c) {
-        case '\\':
-            out += "\\\\";
-            break;
-        case '\t':
-            out += "\\t";
-            break;
-        case '\n':
-            out += "\\n";
-            break;
-        case '\r':
-            out += "\\r";
-            break;
-        default:
-            out += c;
-        }
-    }
-}
-
 class UnitCompiler {
 public:
     UnitCompiler(std::string_view text, std::string_view unitPath)
@@ -94,7 +55,7 @@ public:
         }
     }
 
-    std::string run(int abi, std::string_view sourceSha256) {
+    objectformat::Contents run(int abi, std::string_view sourceSha256) {
         for (std::size_t i = 0; i < tokens_.size(); ++i) {
             const Token& token = tokens_[i];
             if (i == 0 || tokens_[i - 1].line != token.line) {
@@ -108,7 +69,7 @@ public:
             throw SourceError(innermost.line, innermost.column,
                               std::string("unclosed '") + innermost.bracket + "'");
         }
-        return render(abi, sourceSha256);
+        return contents(abi, sourceSha256);
     }
 
 private:
@@ -174,7 +135,7 @@ private:
             }
             headerLines_.push_back(first.line);
             sawDeclaration_ = true;
-            records_.push_back(typeRecord(first.line, header));
+            records_.push_back(objectformat::typeRecord(first.line, header));
             return;
         }
 
@@ -216,11 +177,8 @@ private:
                 end += 2;
             }
             expectLineEnd(end, first.line, "use line");
-            std::string record = "use";
-            appendField(record, std::to_string(first.line));
-            appendField(record, name);
-            appendField(record, alias);
-            records_.push_back(record);
+            records_.push_back(
+                objectformat::useRecord(first.line, std::move(name), std::move(alias)));
             useLines_.push_back(first.line);
             return;
         }
@@ -287,11 +245,8 @@ private:
             }
             signature.append(tokens_[k].text);
         }
-        std::string record = "fn";
-        appendField(record, std::to_string(tokens_[start].line));
-        appendField(record, name->text);
-        appendField(record, signature);
-        records_.push_back(record);
+        records_.push_back(objectformat::functionRecord(
+            tokens_[start].line, std::string(name->text), std::move(signature)));
     }
 
     // Reserved words that only make sense at the start of their own line.
@@ -341,56 +296,16 @@ private:
         open_.pop_back();
     }
 
-    static std::string typeRecord(std::size_t line, const source::TypeHeader& header) {
-        std::string modifiers;
-        auto add = [&modifiers](bool present, const char* word) {
-            if (present) {
-                if (!modifiers.empty()) {
-                    modifiers += ',';
-                }
-                modifiers += word;
-            }
-        };
-        add(header.flag1, "abstract");
-        add(header.flag2, "sealed");
-        add(header.flag3, "extern");
-        std::string record = "type";
-        appendField(record, std::to_string(line));
-        appendField(record, kindName(header.kind));
-        appendField(record, header.text1);
-        appendField(record, modifiers);
-        appendField(record, header.typeName);
-        appendField(record, header.text3);
-        appendField(record, header.text4);
-        appendField(record, header.text5);
-        return record;
-    }
-
-    std::string render(int abi, std::string_view sourceSha256) const {
-        std::string out = "QUOR-OBJECT";
-        appendField(out, std::to_string(abi));
-        out += "\nunit";
-        appendField(out, unitPath_);
-        out += "\nsource-size";
-        appendField(out, std::to_string(text_.size()));
-        out += "\nsource-sha256";
-        appendField(out, sourceSha256.empty() ? Sha256::hex(text_) : std::string(sourceSha256));
-        out += "\npackage";
-        appendField(out, package_);
-        out += '\n';
-        for (const std::string& record : records_) {
-            out += record;
-            out += '\n';
-        }
-        // The last record vouches for every byte before it, so that a reader
-        // tells a truncated or edited object from a sound one without compiling
-        // the unit again.
-        const std::string bodyDigest = Sha256::hex(out);
-        out += "end";
-        appendField(out, std::to_string(records_.size()));
-        appendField(out, bodyDigest);
-        out += '\n';
-        return out;
+    objectformat::Contents contents(int abi, std::string_view sourceSha256) {
+        objectformat::Contents contents;
+        contents.abi = abi;
+        contents.unitPath = unitPath_;
+        contents.sourceSize = text_.size();
+        contents.sourceSha256 =
+            sourceSha256.empty() ? Sha256::hex(text_) : std::string(sourceSha256);
+        contents.package = std::move(package_);
+        contents.declarations = std::move(records_);
+        return contents;
     }
 
     std::string_view text_;
@@ -404,20 +319,19 @@ private:
     std::vector<std::size_t> headerLines_;
     std::vector<std::size_t> packageLines_;
     std::vector<std::size_t> useLines_;
-    std::vector<std::string> records_;
+    std::vector<objectformat::Record> records_;
 };
 
 } // namespace
 
-std::string objectField(std::string_view field) {
-    std::string out;
-    appendField(out, field);
-    return out.substr(1);
+objectformat::Contents unitContents(std::string_view text, std::string_view unitPath, int abi,
+                                    std::string_view sourceSha256) {
+    return UnitCompiler(text, unitPath).run(abi, sourceSha256);
 }
 
 std::string compileUnit(std::string_view text, std::string_view unitPath, int abi,
                         std::string_view sourceSha256) {
-    return UnitCompiler(text, unitPath).run(abi, sourceSha256);
+    return objectformat::render(unitContents(text, unitPath, abi, sourceSha256));
 }
 
 } // namespace quor::compiler

@@ -12,6 +12,7 @@
 // reach isReady's verdict on every input.
 
 #include "compiler/BootstrapExplanation.h"
+#include "compiler/CacheLayout.h"
 #include "compiler/StandardLibraryCacheState.h"
 #include "fuzz/FuzzCheck.h"
 
@@ -195,7 +196,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::error_code error;
     fs::create_directories(readerDirectory, error);
     QUOR_FUZZ_CHECK(!error);
-    writeFile(readerDirectory / ".quor-stdlib-ready", bytes);
+    writeFile(readerDirectory / quor::compiler::layout::markerFileName, bytes);
     std::vector<Identity> identities = {
         {"0.1.6", 3, "0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcdef"},
         {"", 0, ""}};
@@ -212,8 +213,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         probed.version = identity.version;
         probed.abiVersion = identity.abi;
         probed.fingerprint = identity.fingerprint;
-        const auto diagnosis =
-            quor::compiler::explain::diagnoseMarker(readerDirectory / ".quor-stdlib-ready", probed);
+        const auto diagnosis = quor::compiler::explain::diagnoseMarker(
+            readerDirectory / quor::compiler::layout::markerFileName, probed);
         QUOR_FUZZ_CHECK((diagnosis.verdict == quor::compiler::explain::MarkerVerdict::Valid) ==
                         state.isReady());
     }
@@ -231,7 +232,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         QUOR_FUZZ_CHECK(state.isReady());
     }
     for (const fs::directory_entry& entry : fs::directory_iterator(writerDirectory)) {
-        QUOR_FUZZ_CHECK(entry.path().filename() == ".quor-stdlib-ready");
+        QUOR_FUZZ_CHECK(entry.path().filename() == quor::compiler::layout::markerFileName);
     }
     return 0;
 }

@@ -161,6 +161,62 @@ TEST_F(CacheTrustTest, AbiRecordOfTheOwnLibraryCacheWritableByItsGroupIsRefused)
     EXPECT_EQ(readFile(lib / "core" / "Int.qo"), "kept\n");
 }
 
+// The set-aside area's objects go back into the library cache, and a new ABI
+// empties it: the services vouch for it as for the library cache, so that a
+// link there is refused before anything is cleared or read through it.
+TEST_F(CacheTrustTest, LinkedSetAsideAreaIsRefusedByTheServicesAndNeverFollowed) {
+    const fs::path branch = root() / QUOR_COMPILER_VERSION;
+    fs::create_directories(branch / "lib");
+    const fs::path outside = directory_.path() / "outside";
+    writeFile(outside / "kept.qo", "kept\n");
+    fs::create_directory_symlink(outside, branch / "set-aside");
+    ScopedRuntime runtime({(directory_.path() / "stdlib").native(), root().native(), 1});
+    EXPECT_EQ(refusal([] { Compiler::ensureObjectAbiCacheCurrent(); }),
+              "Refusing to use Quor cache root '" + root().native() + "': '" +
+                  (branch / "set-aside").native() + "' is a symbolic link; remove it");
+    EXPECT_EQ(readFile(outside / "kept.qo"), "kept\n");
+}
+
+// One list says what is checked. The services, which fill the set-aside area,
+// create it with the rest of the branch; a check made before them, with the
+// bootstrap's state, creates that state but leaves the set-aside area to them,
+// and still refuses one that others may write to.
+TEST_F(CacheTrustTest, TheSetAsideAreaIsCheckedByBothListsAndCreatedOnlyByTheServices) {
+    const fs::path branch = root() / QUOR_COMPILER_VERSION;
+    const fs::path lib = branch / "lib";
+    const fs::path setAside = branch / "set-aside";
+    const fs::path state = root() / ".first-launch" / QUOR_COMPILER_VERSION;
+    const compiler::FirstLaunchLayout firstLaunch{root() / ".first-launch", state, state / "lib",
+                                                  state / ".stdlib-bootstrap-lib.lock",
+                                                  state / "lib" / ".quor-stdlib-ready"};
+
+    EXPECT_EQ(
+        verifyCacheRoot(root(), compiler::cacheLayoutToVerify(branch, lib, firstLaunch), true),
+        CacheAccess::Writable);
+    EXPECT_TRUE(fs::is_directory(lib));
+    EXPECT_TRUE(fs::is_directory(state / "lib"));
+    EXPECT_FALSE(fs::exists(fs::symlink_status(setAside)));
+
+    EXPECT_EQ(verifyCacheRoot(root(), compiler::cacheLayoutToVerify(branch, lib), true),
+              CacheAccess::Writable);
+    EXPECT_TRUE(fs::is_directory(fs::symlink_status(setAside)));
+
+    ASSERT_EQ(::chmod(setAside.c_str(), 0777), 0);
+    const std::string writable = "Refusing to use Quor cache root '" + root().native() + "': '" +
+                                 setAside.native() +
+                                 "' is writable by other users; remove their write permission "
+                                 "(chmod go-w)";
+    EXPECT_EQ(refusal([&] {
+                  verifyCacheRoot(root(), compiler::cacheLayoutToVerify(branch, lib), false);
+              }),
+              writable);
+    EXPECT_EQ(refusal([&] {
+                  verifyCacheRoot(root(), compiler::cacheLayoutToVerify(branch, lib, firstLaunch),
+                                  false);
+              }),
+              writable);
+}
+
 // Closed to writes, but another user's: its owner can still rename or replace
 // what lies in it.
 TEST_F(CacheTrustTest, DirectoryOnTheWayOwnedByAnotherUserIsRefused) {

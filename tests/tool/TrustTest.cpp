@@ -171,6 +171,43 @@ TEST_F(ToolTrust, LockFileOrAbiRecordWritableByOthersIsRefused) {
     }
 }
 
+// The set-aside area holds objects that a build moves back into the library
+// cache, and `verify` and `status` read them. A link planted in its place, or
+// an area that others may write to, is refused like the library cache itself,
+// also by the commands that never reach the services: `verify`, `status`, and
+// `ensure` on a cache that is ready.
+TEST_F(ToolTrust, SetAsideAreaLinkedOrWritableByOthersIsRefused) {
+    const fs::path root = sandbox_.cacheRoot();
+    const fs::path setAside = root / QUOR_COMPILER_VERSION / "set-aside";
+    ASSERT_EQ(runTool(with(root, {"ensure", "-q"}), home()).status, 0);
+    ASSERT_TRUE(fs::is_directory(fs::symlink_status(setAside)));
+    const auto before = victimTree();
+    const auto expectRefused = [&](const std::string& problem) {
+        for (const std::string command : {"ensure", "verify"}) {
+            const ToolRun run = runTool(with(root, {command}), home());
+            EXPECT_EQ(run.status, 1) << command;
+            EXPECT_EQ(run.err, refusal(root, setAside, problem)) << command;
+        }
+        EXPECT_EQ(runTool(with(root, {"status", "--check"}), home()).status, 1);
+        EXPECT_TRUE(fs::exists(sandbox_.marker()));
+    };
+
+    fs::remove(setAside);
+    fs::create_directory_symlink(victim() / "data", setAside);
+    expectRefused("is a symbolic link; remove it");
+    EXPECT_EQ(victimTree(), before);
+
+    fs::remove(setAside);
+    fs::create_directory(setAside);
+    ASSERT_EQ(::chmod(setAside.c_str(), 0777), 0);
+    expectRefused("is writable by other users; remove their write permission (chmod go-w)");
+
+    ASSERT_EQ(::chmod(setAside.c_str(), 0755), 0);
+    const ToolRun ensure = runTool(with(root, {"ensure"}), home());
+    EXPECT_EQ(ensure.status, 0) << ensure.err;
+    EXPECT_EQ(ensure.out, "already up to date\n");
+}
+
 TEST_F(ToolTrust, CacheBuiltByAnotherUserIsNotTrusted) {
     const fs::path root = shared() / "theirs";
     const ToolRun built =

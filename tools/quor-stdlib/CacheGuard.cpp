@@ -5,7 +5,6 @@
 #include "CacheGuard.h"
 
 #include "compiler/CacheLayout.h"
-#include "compiler/ObjectCache.h"
 
 #include <cerrno>
 #include <climits>
@@ -22,7 +21,7 @@ using compiler::CacheAccess;
 using compiler::CacheLayoutEntry;
 
 bool isBuildLockName(const std::string& name) {
-    return compiler::explain::isLockFileName(name);
+    return compiler::layout::isLockFileName(name);
 }
 
 namespace {
@@ -42,14 +41,12 @@ CacheAccess guardCache(const CachePaths& paths, CacheUse use) {
         // Pruning deletes below .first-launch by path: it must be a real directory.
         layout = {{paths.firstLaunch, Kind::Directory}};
     } else {
-        layout = {{paths.cacheBranch, Kind::Directory},
-                  {paths.libraryCache, Kind::Directory},
-                  {paths.libraryCache / compiler::abiRecordFileName, Kind::DataFile},
-                  {paths.firstLaunch, Kind::Directory},
-                  {paths.versionState, Kind::Directory},
-                  {paths.stateDirectory, Kind::Directory},
-                  {paths.lockFile, Kind::LockFile},
-                  {paths.marker, Kind::DataFile}};
+        // The services' list, and the bootstrap's state with it: the tool
+        // vouches for no less than a build does.
+        layout =
+            compiler::cacheLayoutToVerify(paths.cacheBranch, paths.libraryCache,
+                                          {paths.firstLaunch, paths.versionState,
+                                           paths.stateDirectory, paths.lockFile, paths.marker});
     }
     if (use == CacheUse::Build) {
         // The bootstrap creates its marker with the default mode: with a loose
@@ -135,10 +132,10 @@ void VersionLocks::release() {
 
 std::optional<BusyVersion> VersionLocks::acquire(const fs::path& cacheRoot,
                                                  const std::vector<fs::path>& versions) {
+    const std::string root = cacheRoot.lexically_normal().native();
     for (const fs::path& version : versions) {
         const fs::path state =
-            compiler::explain::versionDirectories(cacheRoot, version.filename().native())
-                .firstLaunchState;
+            compiler::layout::versionStatePath(root, version.filename().native());
         std::error_code error;
         fs::directory_iterator entries(state, error);
         for (; !error && entries != fs::directory_iterator(); entries.increment(error)) {

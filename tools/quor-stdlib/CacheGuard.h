@@ -26,10 +26,13 @@ enum class CacheUse {
     Prune,   // prune: removes older versions
 };
 
-// Checks the cache root of `paths` and every path of its layout for `use`.
-// For Build it also narrows the umask so that nothing the bootstrap creates is
-// writable by others. Returns the user's access; throws
-// compiler::UntrustedCacheError (with what to fix) or std::runtime_error.
+// Checks the cache root of `paths` and the paths of its layout for `use`: for
+// Inspect and Build, every path compiler::cacheLayoutToVerify() names with the
+// first-launch state (set-aside area included); for Prune, .first-launch alone,
+// which pruning deletes below. For Build it also narrows the umask so that
+// nothing the bootstrap creates is writable by others. Returns the user's
+// access; throws compiler::UntrustedCacheError (with what to fix) or
+// std::runtime_error.
 compiler::CacheAccess guardCache(const CachePaths& paths, CacheUse use);
 
 // The message for a build that a read-only system-wide cache needs.

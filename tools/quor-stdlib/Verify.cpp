@@ -10,6 +10,7 @@
 #include "Console.h"
 #include "Failure.h"
 
+#include "compiler/CacheLayout.h"
 #include "compiler/Compiler.h"
 #include "compiler/ObjectCache.h"
 #include "compiler/StandardLibraryCacheState.h"
@@ -38,7 +39,8 @@ std::vector<Problem> problemsOf(const compiler::LibraryCacheReport& report,
                                 const fs::path& libraryCache) {
     std::vector<Problem> problems;
     if (!report.abiRecordCurrent)
-        problems.push_back({"abi-record", libraryCache / compiler::abiRecordFileName, "",
+        problems.push_back({"abi-record", compiler::layout::abiRecordPath(libraryCache.native()),
+                            "",
                             report.abiRecord.empty()
                                 ? "no object ABI record"
                                 : "records object ABI " + report.abiRecord + ", not " +
