@@ -11,9 +11,10 @@
 // functions say why.
 //
 // Internal: included by this project's tool, tests and fuzz targets, never
-// installed. Like the unit, they use only the service declarations the unit
-// already calls (Runtime, Compiler::objectAbiVersion, SourceManager, the type
-// header parser), never take the build lock and never write.
+// installed. Like the rest of the bootstrap, they use only the service
+// declarations the bootstrap already calls (Runtime, Compiler::objectAbiVersion,
+// SourceManager, the type-header parser), never take the build lock and never
+// write.
 
 #ifndef QUOR_COMPILER_BOOTSTRAPEXPLANATION_H
 #define QUOR_COMPILER_BOOTSTRAPEXPLANATION_H

@@ -4,10 +4,10 @@
 // running compiler expects, the progress adapter, the driver with its build
 // lock, and the pruning of older versions' caches.
 //
-// The unit keeps nothing between calls and starts no thread; everything runs on
+// The bootstrap keeps nothing between calls and starts no thread; everything runs on
 // the caller's thread. File-system work goes through the std::filesystem forms
 // that report into a std::error_code, so that every failure becomes one of the
-// unit's own messages. The lock is plain POSIX (open, flock, close), and so is
+// bootstrap's own messages. The lock is plain POSIX (open, flock, close), and so is
 // the ready path, which every compiler start pays for: the two small files are
 // read with open/read/close, the state's paths are composed as text, and the
 // library root is asked with stat only when its fingerprint file does not
@@ -70,10 +70,10 @@ constexpr const char* buildTreeDirectory = QUOR_BUILD_TREE_DIR;
 // ---------------------------------------------------------------------------
 // Failure messages
 //
-// The fixed opening of every message the unit throws, spelled once: the throw
+// The fixed opening of every message the bootstrap throws, spelled once: the throw
 // sites below compose their messages from these, and failureMessages() lists
 // them with what each is about, so that a caller sorting failures (the tool's
-// JSON `kind`) recognises the unit's words without a copy of them. The path
+// JSON `kind`) recognises the bootstrap's words without a copy of them. The path
 // and, where one is at hand, the system's text follow each opening.
 namespace message {
 constexpr std::string_view createStateDirectory =
@@ -110,7 +110,7 @@ constexpr std::array<explain::FailureMessage, 13> failureTable{{
     {message::removeVersionState, FailureCause::FileSystem},
 }};
 
-// The unit's message: its opening, then the rest.
+// The bootstrap's message: its opening, then the rest.
 std::runtime_error failure(std::string_view opening, std::string_view rest) {
     std::string text(opening);
     text += rest;

@@ -1,5 +1,5 @@
 // Fuzz target: reading a fingerprint file. The input is the file's bytes. The
-// unit's readFingerprintFile must give what the file format says: the first
+// bootstrap's readFingerprintFile must give what the file format says: the first
 // line, trimmed of space, tab, carriage return and line feed, when it is exactly
 // 64 hexadecimal digits, in lower case; otherwise nothing. Whatever it returns
 // is either empty or 64 lower-case hexadecimal digits.

@@ -1,5 +1,5 @@
 // Fuzz target: the readiness marker. The input is the bytes of a marker file.
-// The unit's verdict (StandardLibraryCacheState::isReady on a file holding those
+// The bootstrap's verdict (StandardLibraryCacheState::isReady on a file holding those
 // bytes) must match an independent reading of the format: five lines read as a
 // stream reads them, the header compared untrimmed, the values trimmed and
 // compared with the expected identity. The identities tried are a fixed one and
@@ -7,7 +7,7 @@
 // names an identity for the writer: markReady must write exactly the format's
 // bytes, leave no temporary file, and certify what it wrote whenever the
 // identity can be certified at all. trim and markerValue are checked against
-// their own rules on every line. The unit's explanation of a marker
+// their own rules on every line. The bootstrap's explanation of a marker
 // (explain::diagnoseMarker), which reads on past the first difference, must
 // reach isReady's verdict on every input.
 
@@ -208,7 +208,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                                               identity.fingerprint);
         QUOR_FUZZ_CHECK(state.isReady() == modelCertifies(bytes, identity));
         // The explanation must reach the decision's verdict on every input:
-        // `status` reports "valid" exactly when the unit accepts the marker.
+        // `status` reports "valid" exactly when the bootstrap accepts the marker.
         quor::compiler::explain::Identity probed;
         probed.version = identity.version;
         probed.abiVersion = identity.abi;

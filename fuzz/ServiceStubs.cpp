@@ -1,6 +1,6 @@
 // Stand-ins for the compiler services, linked into the fuzz targets that
-// compile the bootstrap unit. The helpers those targets fuzz (the marker, the
-// fingerprint file, version parsing) call no service; the unit's entry points
+// compile the bootstrap's source. The helpers those targets fuzz (the marker, the
+// fingerprint file, version parsing) call no service; the bootstrap's entry points
 // still refer to the services, so the link needs definitions. Anything that
 // would really need a service throws, so a fuzz target that strays into one
 // fails loudly instead of testing a fake.

@@ -1,4 +1,4 @@
-// Fuzz target: version parsing. The input is the text handed to the unit's
+// Fuzz target: version parsing. The input is the text handed to the bootstrap's
 // parseVersion. It must accept exactly three non-empty runs of ASCII digits
 // joined by single dots, each at most 2^64 - 1, and then give their values;
 // everything else is refused without an exception. The comparison the pruning
