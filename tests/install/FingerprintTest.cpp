@@ -156,8 +156,7 @@ TEST_F(FingerprintTest, ShellCommandAgreesOnTheShippedLibrary) {
     ProcessResult shell = runShell(command, {{"ROOT", (sourceDir / "stdlib").string()}});
     ASSERT_EQ(shell.status, 0) << shell.out;
     ProcessResult run;
-    EXPECT_EQ(fingerprintAsTheBuildDoes(sourceDir / "stdlib", out(), &run), shell.out)
-        << run.out;
+    EXPECT_EQ(fingerprintAsTheBuildDoes(sourceDir / "stdlib", out(), &run), shell.out) << run.out;
 }
 
 TEST_F(FingerprintTest, LeavesAnUnchangedFileUntouched) {
@@ -229,6 +228,19 @@ TEST_F(FingerprintTest, FailsWithoutALibraryRoot) {
 
 // The file the build wrote must describe the library as it is in the sources,
 // by the documented recipe.
+// A project of its own that takes the build's fingerprint rules
+// (cmake/StandardLibrary.cmake) for the library at `lib`.
+void writeProbeProject(const fs::path& project, const fs::path& lib) {
+    writeFile(project / "CMakeLists.txt",
+              "cmake_minimum_required(VERSION 3.25)\n"
+              "project(FingerprintProbe NONE)\n"
+              "set(QUOR_STDLIB_SOURCE_DIR \"" +
+                  lib.string() +
+                  "\")\n"
+                  "include(\"" +
+                  (sourceDir / "cmake" / "StandardLibrary.cmake").string() + "\")\n");
+}
+
 TEST(BuildTreeFingerprint, MatchesTheShippedLibrary) {
     if (fingerprintTool().empty()) {
         GTEST_SKIP() << "this build has no quor-stdlib to fingerprint with";
@@ -256,14 +268,7 @@ TEST(BuildTreeFingerprint, EveryBuildRefreshesIt) {
     const fs::path build = scratch.path() / "build";
     writeFile(lib / "core" / "Sized.qr", "package core\n");
     writeFile(lib / "collections" / "List.qr", "package collections\n");
-    writeFile(project / "CMakeLists.txt",
-              "cmake_minimum_required(VERSION 3.25)\n"
-              "project(FingerprintProbe NONE)\n"
-              "set(QUOR_STDLIB_SOURCE_DIR \"" +
-                  lib.string() +
-                  "\")\n"
-                  "include(\"" +
-                  (sourceDir / "cmake" / "StandardLibrary.cmake").string() + "\")\n");
+    writeProbeProject(project, lib);
     ProcessResult configure =
         runProcess({QUOR_TEST_CMAKE_COMMAND, "-S", project.string(), "-B", build.string(), "-G",
                     QUOR_TEST_CMAKE_GENERATOR, "-DCMAKE_MAKE_PROGRAM=" QUOR_TEST_MAKE_PROGRAM,
@@ -308,14 +313,7 @@ TEST(BuildTreeFingerprint, WithoutAToolThereIsNoFileToMislead) {
     const fs::path project = scratch.path() / "project";
     const fs::path build = scratch.path() / "build";
     writeFile(lib / "core" / "Sized.qr", "package core\n");
-    writeFile(project / "CMakeLists.txt",
-              "cmake_minimum_required(VERSION 3.25)\n"
-              "project(FingerprintProbe NONE)\n"
-              "set(QUOR_STDLIB_SOURCE_DIR \"" +
-                  lib.string() +
-                  "\")\n"
-                  "include(\"" +
-                  (sourceDir / "cmake" / "StandardLibrary.cmake").string() + "\")\n");
+    writeProbeProject(project, lib);
     ProcessResult configure =
         runProcess({QUOR_TEST_CMAKE_COMMAND, "-S", project.string(), "-B", build.string(), "-G",
                     QUOR_TEST_CMAKE_GENERATOR, "-DCMAKE_MAKE_PROGRAM=" QUOR_TEST_MAKE_PROGRAM});

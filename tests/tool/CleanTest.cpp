@@ -2,8 +2,8 @@
 // its build lock file, never while a build holds the lock, and says what it
 // did or would do.
 
-#include "tests/tool/ToolTestSupport.h"
 #include "quor/Config.h"
+#include "tests/tool/ToolTestSupport.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>

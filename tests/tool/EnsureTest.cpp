@@ -15,15 +15,6 @@ namespace {
 
 using nlohmann::json;
 
-std::vector<json> jsonLines(const std::string& text) {
-    std::vector<json> events;
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);)
-        if (!line.empty())
-            events.push_back(json::parse(line));
-    return events;
-}
-
 TEST(EnsureCommand, JsonEventsComeInOrderAndEndWithTheResult) {
     Sandbox sandbox;
     const ToolRun run =

@@ -29,12 +29,6 @@ namespace {
 
 using nlohmann::json;
 
-json statusOf(const Sandbox& sandbox) {
-    const ToolRun run = runTool(sandbox.arguments({"status", "--json"}), sandbox.path());
-    EXPECT_EQ(run.status, 0) << run.err;
-    return json::parse(run.out);
-}
-
 // What a build did: every event `ensure --json` wrote, in order.
 struct Build {
     int status = -1;
@@ -57,10 +51,7 @@ Build ensure(const Sandbox& sandbox) {
     Build build;
     build.status = run.status;
     build.err = run.err;
-    std::istringstream lines(run.out);
-    for (std::string line; std::getline(lines, line);)
-        if (!line.empty())
-            build.events.push_back(json::parse(line));
+    build.events = jsonLines(run.out);
     EXPECT_FALSE(build.events.empty()) << run.err;
     return build;
 }

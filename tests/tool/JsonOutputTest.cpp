@@ -17,15 +17,6 @@ namespace {
 
 using json = nlohmann::json;
 
-std::vector<json> jsonLines(const std::string& text) {
-    std::vector<json> lines;
-    std::istringstream stream(text);
-    for (std::string line; std::getline(stream, line);)
-        if (!line.empty())
-            lines.push_back(json::parse(line));
-    return lines;
-}
-
 TEST(JsonOutput, EveryEventAndDocumentNamesItsSchema) {
     Sandbox sandbox;
     const ToolRun ensure = runTool(sandbox.arguments({"--json", "ensure"}), sandbox.path());

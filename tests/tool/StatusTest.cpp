@@ -13,13 +13,6 @@ namespace {
 
 using nlohmann::json;
 
-json statusOf(const Sandbox& sandbox, std::vector<std::string> extra = {}) {
-    extra.insert(extra.begin(), {"status", "--json"});
-    const ToolRun run = runTool(sandbox.arguments(extra), sandbox.path());
-    EXPECT_EQ(run.status, 0) << run.err;
-    return json::parse(run.out);
-}
-
 void ensureBuilt(const Sandbox& sandbox) {
     const ToolRun run = runTool(sandbox.arguments({"ensure", "--quiet"}), sandbox.path());
     ASSERT_EQ(run.status, 0) << run.err;

@@ -164,4 +164,20 @@ void editMarkerLine(const fs::path& marker, std::size_t index, const std::string
     writeFile(marker, rewritten);
 }
 
+std::vector<nlohmann::json> jsonLines(const std::string& text) {
+    std::vector<nlohmann::json> documents;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);)
+        if (!line.empty())
+            documents.push_back(nlohmann::json::parse(line));
+    return documents;
+}
+
+nlohmann::json statusOf(const Sandbox& sandbox, std::vector<std::string> extra) {
+    extra.insert(extra.begin(), {"status", "--json"});
+    const ToolRun run = runTool(sandbox.arguments(extra), sandbox.path());
+    EXPECT_EQ(run.status, 0) << run.err;
+    return nlohmann::json::parse(run.out);
+}
+
 } // namespace quor::tooltest

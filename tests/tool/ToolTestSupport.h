@@ -11,6 +11,8 @@
 #include "tests/support/Locks.h"
 #include "tests/support/Processes.h"
 
+#include <nlohmann/json.hpp>
+
 #include <chrono>
 #include <filesystem>
 #include <string>
@@ -90,6 +92,13 @@ public:
                 const std::vector<std::string>& extra = {})
         : Program(toolOptions(arguments, home, extra)) {}
 };
+
+// Each line of `text` that is not empty, parsed as a JSON document: what
+// `ensure --json` writes (JSON Lines).
+std::vector<nlohmann::json> jsonLines(const std::string& text);
+
+// `status --json` for the sandbox (with `extra` after it), which must exit 0.
+nlohmann::json statusOf(const Sandbox& sandbox, std::vector<std::string> extra = {});
 
 // Runs the tool on a new pseudo-terminal (forkpty) of `columns` columns and
 // returns everything it wrote to the terminal, with its exit status.

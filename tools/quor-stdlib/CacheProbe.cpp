@@ -20,13 +20,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// What of the walk's passing-over the tool calls unreachable: entries that
-// trouble kept from being looked at, not those the rules leave out.
-bool isUnreachable(const compiler::explain::PassedOver& entry) {
-    using Why = compiler::explain::PassedOver::Why;
-    return entry.why == Why::Unexaminable || entry.why == Why::ClosedFolder;
-}
-
 void addUnreachable(const std::vector<compiler::explain::PassedOver>& passedOver,
                     std::vector<UnreachableEntry>* unreachable) {
     if (unreachable == nullptr)
@@ -37,6 +30,11 @@ void addUnreachable(const std::vector<compiler::explain::PassedOver>& passedOver
 }
 
 } // namespace
+
+bool isUnreachable(const compiler::explain::PassedOver& entry) {
+    using Why = compiler::explain::PassedOver::Why;
+    return entry.why == Why::Unexaminable || entry.why == Why::ClosedFolder;
+}
 
 std::vector<std::string> libraryUnitFiles(const fs::path& root,
                                           std::vector<UnreachableEntry>* unreachable) {

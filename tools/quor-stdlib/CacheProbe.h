@@ -41,6 +41,11 @@ struct UnreachableEntry {
     std::string reason; // the system's text: "File name too long", "Permission denied"
 };
 
+// Whether the walk passed over `entry` because trouble kept it from looking
+// (a status that cannot be read, a folder that may not be read), rather than
+// because the rules leave it out.
+bool isUnreachable(const compiler::explain::PassedOver& entry);
+
 // The bootstrap's libraryUnitFiles(): every unit file of the library, generic
 // or not, sorted. When `unreachable` is given, what trouble kept the walk from
 // looking at is added to it. Throws the bootstrap's enumeration failure.

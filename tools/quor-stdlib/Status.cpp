@@ -169,9 +169,8 @@ StatusReport gatherStatus(bool check) {
                 compiler::explain::chooseUnits(report.paths.library);
             const std::vector<std::string>& units = choice.units;
             report.passedOver = std::move(choice.passedOver);
-            using Why = compiler::explain::PassedOver::Why;
             for (const auto& entry : report.passedOver)
-                if (entry.why == Why::Unexaminable || entry.why == Why::ClosedFolder)
+                if (isUnreachable(entry))
                     report.unreachable.push_back({entry.path, entry.reason});
             report.units = units.size();
             // The bootstrap refuses an empty batch, after it took the lock.
