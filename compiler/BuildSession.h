@@ -24,12 +24,14 @@
 namespace quor::compiler {
 
 // What one precompileSources() run did: units compiled, units whose object was
-// reused (kept, or moved back from the set-aside area), and entries removed
-// from the library cache because they belonged to no unit.
+// reused (kept, or moved back from the set-aside area), units whose object was
+// adopted from another cache (Runtime::getAdoptionSource()), and entries
+// removed from the library cache because they belonged to no unit.
 struct PrecompileSummary {
     std::size_t compiled = 0;
     std::size_t reused = 0;
     std::size_t removed = 0;
+    std::size_t adopted = 0;
 };
 
 class BuildSession {

@@ -83,10 +83,12 @@ constexpr std::chrono::milliseconds reportInterval{40};
 struct Batch {
     const std::vector<PlannedObject>& units;
     const fs::path& setAside;
+    int adoptionSource = -1; // the open library cache objects may be adopted from
     std::atomic<std::size_t> next{0};
     std::atomic<bool> stop{false};
     std::atomic<std::size_t> compiled{0};
     std::atomic<std::size_t> reused{0};
+    std::atomic<std::size_t> adopted{0};
     std::atomic<std::uint64_t> objectBytes{0};
     std::mutex writing; // held by the worker that writes its objects
     std::mutex mutex;
@@ -134,13 +136,13 @@ struct Batch {
             try {
                 const auto started = WorkClock::now();
                 ObjectUpdate update =
-                    updateObject(units[index], setAside, objectformat::abiVersion);
+                    updateObject(units[index], setAside, objectformat::abiVersion, adoptionSource);
                 objectBytes.fetch_add(update.bytes);
                 if (update.outcome == ObjectOutcome::Compiled) {
                     compiledObjects.push_back(
                         {index, std::move(update.object), secondsSince(started)});
                 } else {
-                    reused.fetch_add(1);
+                    (update.outcome == ObjectOutcome::Adopted ? adopted : reused).fetch_add(1);
                     done.push_back(Event{index, false, {}, secondsSince(started)});
                 }
             } catch (const std::exception&) {
@@ -277,6 +279,29 @@ void verifyLibraryCache() {
                                   "administrator to build it there, or choose a cache root that "
                                   "you own");
     }
+}
+
+// The library cache a build may adopt objects from (Runtime::setAdoptionSource()),
+// open as a folder, or -1: none was named, it is the library cache being built,
+// or its cache root can no longer be vouched for. Only read, never written:
+// the trust check here creates nothing. A source that cannot be used costs
+// the build its help, never its result.
+int openAdoptionSource(const fs::path& lib) {
+    const fs::path source = Runtime::getInstance().getAdoptionSource();
+    if (source.empty() || source.lexically_normal() == lib.lexically_normal()) {
+        return -1;
+    }
+    const fs::path branch = source.parent_path();
+    fs::path root = branch.parent_path();
+    if (root.empty()) {
+        root = ".";
+    }
+    try {
+        verifyCacheRoot(root, cacheLayoutToVerify(branch, source), false);
+    } catch (const std::exception&) {
+        return -1;
+    }
+    return ::open(source.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
 }
 
 // Which directory the library cache is, as the kernel knows it. A library cache
@@ -488,9 +513,19 @@ void Compiler::precompileSources(
     }
 
     Batch batch(units, setAside);
+    struct CloseOnExit {
+        int fd;
+        ~CloseOnExit() {
+            if (fd >= 0) {
+                ::close(fd);
+            }
+        }
+    } adoptionSource{openAdoptionSource(lib)};
+    batch.adoptionSource = adoptionSource.fd;
     const auto recordSummary = [&] {
         summary.compiled = batch.compiled.load();
         summary.reused = batch.reused.load();
+        summary.adopted = batch.adopted.load();
         if (session != nullptr) {
             session->recordSummary(summary);
         }

@@ -16,6 +16,8 @@
 // When none exists, the first candidate is returned all the same, so that
 // `quor-stdlib status` and the bootstrap's messages name the library that is
 // missing rather than some unrelated path.
+//
+// The system cache is the one the same installation ships beside that library.
 
 #include "compiler/LibraryLocation.h"
 
@@ -55,6 +57,10 @@ std::string defaultStandardLibraryPath() {
         }
     }
     return candidates.front().native();
+}
+
+std::string defaultSystemCacheRoot() {
+    return systemCacheBeside(defaultStandardLibraryPath()).native();
 }
 
 } // namespace quor::compiler::location

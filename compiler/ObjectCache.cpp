@@ -28,9 +28,11 @@
 #include <atomic>
 #include <cerrno>
 #include <fcntl.h>
+#include <linux/fs.h>
 #include <mutex>
 #include <signal.h>
 #include <stdexcept>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
@@ -520,7 +522,120 @@ std::size_t sweepLibraryCache(const fs::path& lib, const std::vector<PlannedObje
     return removed;
 }
 
-ObjectUpdate updateObject(const PlannedObject& planned, const fs::path& setAside, int abi) {
+namespace {
+
+// Closes a descriptor when it goes out of scope.
+struct Descriptor {
+    int fd = -1;
+    Descriptor() = default;
+    explicit Descriptor(int opened) : fd(opened) {}
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    ~Descriptor() {
+        if (fd >= 0) {
+            ::close(fd);
+        }
+    }
+};
+
+// The regular file at `relative` below the open folder `base`, opened for
+// reading without following a link at any step and without blocking on a
+// FIFO; -1 when there is none such.
+int openBelowWithoutLinks(int base, const fs::path& relative) {
+    Descriptor folder(::dup(base));
+    if (folder.fd < 0) {
+        return -1;
+    }
+    const fs::path parent = relative.parent_path();
+    for (const fs::path& element : parent) {
+        const int next =
+            ::openat(folder.fd, element.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        if (next < 0) {
+            return -1;
+        }
+        ::close(folder.fd);
+        folder.fd = next;
+    }
+    const int file = ::openat(folder.fd, relative.filename().c_str(),
+                              O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    struct stat status {};
+    if (file >= 0 && (::fstat(file, &status) != 0 || !S_ISREG(status.st_mode) ||
+                      std::uint64_t(status.st_size) > objectReadLimit)) {
+        ::close(file);
+        return -1;
+    }
+    return file;
+}
+
+// Makes `to` hold the bytes of `from`: a clone of its blocks where the file
+// system offers one, else a copy. False when neither worked.
+bool cloneOrCopy(int from, int to) {
+    if (::ioctl(to, FICLONE, from) == 0) {
+        return true;
+    }
+    char buffer[64 * 1024];
+    for (;;) {
+        const ssize_t count = ::read(from, buffer, sizeof buffer);
+        if (count == 0) {
+            return true;
+        }
+        if (count < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return false;
+        }
+        ssize_t written = 0;
+        while (written < count) {
+            const ssize_t step = ::write(to, buffer + written, std::size_t(count - written));
+            if (step < 0) {
+                if (errno == EINTR) {
+                    continue;
+                }
+                return false;
+            }
+            written += step;
+        }
+    }
+}
+
+} // namespace
+
+std::optional<std::uint64_t> adoptObject(const PlannedObject& planned, int adoptionSource,
+                                         std::uint64_t sourceSize, std::string_view sourceSha256) {
+    if (adoptionSource < 0) {
+        return std::nullopt;
+    }
+    const Descriptor from(
+        openBelowWithoutLinks(adoptionSource, layout::objectPath({}, planned.unitPath)));
+    if (from.fd < 0) {
+        return std::nullopt;
+    }
+    const fs::path temporary = planned.object.parent_path() /
+                               ("." + planned.object.filename().native() + temporarySuffix());
+    bool copied = false;
+    {
+        const Descriptor to(
+            ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+        if (to.fd < 0) {
+            return std::nullopt;
+        }
+        copied = cloneOrCopy(from.fd, to.fd);
+    }
+    if (copied) {
+        const ObjectJudgement copy =
+            judgeObject(temporary, planned.unitPath, sourceSize, sourceSha256);
+        if (copy.verdict == ObjectVerdict::Sound &&
+            ::rename(temporary.c_str(), planned.object.c_str()) == 0) {
+            return copy.bytes;
+        }
+    }
+    ::unlink(temporary.c_str());
+    return std::nullopt;
+}
+
+ObjectUpdate updateObject(const PlannedObject& planned, const fs::path& setAside, int abi,
+                          int adoptionSource) {
     const std::shared_ptr<const std::string> text =
         SourceManager::instance().contents(planned.source);
     if (!text) {
@@ -548,6 +663,12 @@ ObjectUpdate updateObject(const PlannedObject& planned, const fs::path& setAside
         ::rename(stored.c_str(), planned.object.c_str()) == 0) {
         update.outcome = ObjectOutcome::MovedBack;
         update.bytes = kept.bytes;
+        return update;
+    }
+
+    if (const auto adopted = adoptObject(planned, adoptionSource, text->size(), digest)) {
+        update.outcome = ObjectOutcome::Adopted;
+        update.bytes = *adopted;
         return update;
     }
 

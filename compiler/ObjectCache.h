@@ -19,6 +19,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -101,7 +102,6 @@ struct LibraryCacheReport {
 // cannot be listed.
 LibraryCacheReport inspectLibraryCache(const std::vector<std::string>& sources);
 
-
 // The first white-space-delimited word of the ABI record at `path`, or "" when
 // there is no record. Only a regular file reached without a symbolic link is a
 // record, and only its first 4096 bytes are read: a FIFO or a device put in its
@@ -132,6 +132,7 @@ std::size_t sweepLibraryCache(const std::filesystem::path& lib,
 enum class ObjectOutcome {
     Kept,      // the object in place was sound
     MovedBack, // a sound object came back from the set-aside area
+    Adopted,   // a sound object was copied from the adoption source
     Compiled,  // the unit was compiled
 };
 
@@ -142,14 +143,28 @@ struct ObjectUpdate {
 };
 
 // Makes `planned.object` sound for the unit's current bytes under object ABI
-// `abi`, compiling only when neither the object in place nor a set-aside one
-// is: a sound object of other bytes is set aside first. A compiled object is
-// returned, not written: the caller hands it to writeObject(), so that a
-// worker can write several at once. Throws std::runtime_error whose message
-// starts with "<unit>:<line>:<column>: ". Safe from several threads at once
-// for different units.
+// `abi`, compiling only when neither the object in place, nor a set-aside one,
+// nor the adoption source's is: a sound object of other bytes is set aside
+// first. `adoptionSource` is an open folder of another library cache (a system
+// cache's), or -1 for none; see adoptObject(). A compiled object is returned,
+// not written: the caller hands it to writeObject(), so that a worker can
+// write several at once. Throws std::runtime_error whose message starts with
+// "<unit>:<line>:<column>: ". Safe from several threads at once for different
+// units.
 ObjectUpdate updateObject(const PlannedObject& planned, const std::filesystem::path& setAside,
-                          int abi);
+                          int abi, int adoptionSource = -1);
+
+// Copies the object of `planned` from the library cache open as the folder
+// `adoptionSource` into place, when that object is sound for the unit's bytes
+// (`sourceSize` long, hashing to `sourceSha256`). The object is reached below
+// that folder without following any link; it is cloned (FICLONE) where the
+// file system can share the blocks, else copied, into a temporary beside
+// `planned.object`, and the copy is judged with judgeObject() before it is
+// renamed into place, so what is published is what was judged. Nothing is
+// ever written in the adoption source. Returns the object's size, or nothing
+// (and leaves no temporary) when there is no sound object to adopt.
+std::optional<std::uint64_t> adoptObject(const PlannedObject& planned, int adoptionSource,
+                                         std::uint64_t sourceSize, std::string_view sourceSha256);
 
 // Publishes `object` as the object of `planned` (writeFileAtomically). Throws
 // std::runtime_error "<unit>:1:1: unable to write its object '<path>': ...".

@@ -90,6 +90,10 @@ fs::path besideProgram() {
     return (executable.parent_path() / ".." / "share" / "quor" / "stdlib").lexically_normal();
 }
 
+fs::path systemCacheBeside(const fs::path& library) {
+    return (library.lexically_normal().parent_path() / QUOR_SYSTEM_CACHE_NAME).lexically_normal();
+}
+
 bool isDirectory(const fs::path& path) {
     std::error_code error;
     return fs::is_directory(path, error);
@@ -127,6 +131,32 @@ unsigned Runtime::getJobCount() const {
     return jobCount_;
 }
 
+const std::string& Runtime::getCacheRoot() const {
+    return cacheRoot_;
+}
+
+const std::string& Runtime::getUserCacheRoot() const {
+    return userCacheRoot_;
+}
+
+const std::string& Runtime::getSystemCacheRoot() const {
+    return systemCacheRoot_;
+}
+
+void Runtime::useCacheRoot(const std::string& cacheRoot) {
+    cacheRoot_ = cacheRoot;
+    cacheBranchPath_ = layout::cacheBranchPath(cacheRoot_, QUOR_COMPILER_VERSION);
+    libCachePath_ = layout::libraryCachePath(cacheBranchPath_);
+}
+
+void Runtime::setAdoptionSource(const std::string& libraryCache) {
+    adoptionSource_ = libraryCache;
+}
+
+const std::string& Runtime::getAdoptionSource() const {
+    return adoptionSource_;
+}
+
 void Runtime::resolve() {
     standardLibraryPath_ = configuration_.standardLibraryPath;
     if (standardLibraryPath_.empty()) {
@@ -136,15 +166,24 @@ void Runtime::resolve() {
         standardLibraryPath_ = location::defaultStandardLibraryPath();
     }
 
-    std::string cacheRoot = configuration_.cacheRoot;
-    if (cacheRoot.empty()) {
-        cacheRoot = environment("QUOR_CACHE_DIR");
+    userCacheRoot_ = configuration_.cacheRoot;
+    if (userCacheRoot_.empty()) {
+        userCacheRoot_ = environment("QUOR_CACHE_DIR");
     }
-    if (cacheRoot.empty()) {
-        cacheRoot = defaultCacheRoot();
+    if (userCacheRoot_.empty()) {
+        userCacheRoot_ = defaultCacheRoot();
     }
-    cacheBranchPath_ = layout::cacheBranchPath(cacheRoot, QUOR_COMPILER_VERSION);
-    libCachePath_ = layout::libraryCachePath(cacheBranchPath_);
+    useCacheRoot(userCacheRoot_);
+    adoptionSource_.clear();
+
+    // Unlike the others, an empty value here is an answer: no system layer.
+    if (configuration_.systemCacheRoot) {
+        systemCacheRoot_ = *configuration_.systemCacheRoot;
+    } else if (const char* system = std::getenv("QUOR_SYSTEM_CACHE_DIR"); system != nullptr) {
+        systemCacheRoot_ = system;
+    } else {
+        systemCacheRoot_ = location::defaultSystemCacheRoot();
+    }
 
     jobCount_ = configuration_.jobs;
     if (jobCount_ == 0) {

@@ -3,11 +3,20 @@
 //
 // Each setting resolves, first match wins: the configuration that the embedding
 // program passed to configure(); then the environment (QUOR_STDLIB_PATH,
-// QUOR_CACHE_DIR, QUOR_JOBS); then the defaults of the installation.
+// QUOR_CACHE_DIR, QUOR_SYSTEM_CACHE_DIR, QUOR_JOBS); then the defaults of the
+// installation.
+//
+// Two caches may serve one compiler: the user's own, which the compiler builds
+// and prunes, and a system cache, a read-only cache of the installed library
+// that the package ships ready (docs/embedding.md, "The cache layers"). The
+// runtime only resolves where both are; which one the cache getters point at is
+// decided above it (compiler/CacheLayers.h), which asks the bootstrap whether
+// a layer is ready and then calls useCacheRoot().
 
 #ifndef QUOR_COMPILER_RUNTIME_H
 #define QUOR_COMPILER_RUNTIME_H
 
+#include <optional>
 #include <string>
 
 namespace quor::compiler {
@@ -18,6 +27,11 @@ struct RuntimeConfiguration {
     std::string standardLibraryPath; // root of the standard library's ".qr" tree
     std::string cacheRoot;           // holds one cache directory per compiler version
     unsigned jobs = 0;               // precompiler worker threads
+    // The system cache root: a cache of the installed library that root
+    // keeps, looked at under the user's. Unset: QUOR_SYSTEM_CACHE_DIR when it
+    // is set, else the installation's default. An empty string turns the
+    // system layer off, as an empty QUOR_SYSTEM_CACHE_DIR does.
+    std::optional<std::string> systemCacheRoot = std::nullopt;
 };
 
 class Runtime {
@@ -30,7 +44,8 @@ public:
     // runtime: the getters hand out references to the resolved strings.
     void configure(const RuntimeConfiguration& configuration);
 
-    // This compiler build's cache directory: <cache root>/<compiler version>.
+    // This compiler build's cache directory: <cache root>/<compiler version>,
+    // for the cache root in use (getCacheRoot()).
     const std::string& getCacheBranchPath() const;
 
     // The precompiled library's directory: <cache branch>/lib.
@@ -42,6 +57,30 @@ public:
     // Worker threads for the precompiler; at least 1.
     unsigned getJobCount() const;
 
+    // The cache root the cache getters use: the user's, until useCacheRoot().
+    const std::string& getCacheRoot() const;
+
+    // The user's cache root, as the settings resolve it: the one the compiler
+    // builds into and prunes.
+    const std::string& getUserCacheRoot() const;
+
+    // The system cache root as the settings resolve it; empty when the system
+    // layer is off. Whether anything is there is not checked.
+    const std::string& getSystemCacheRoot() const;
+
+    // Points getCacheRoot(), getCacheBranchPath() and getLibCachePath() at
+    // `cacheRoot`, leaving every other setting as it is. configure() points
+    // them back at the user's cache root. Same threading rule as configure().
+    void useCacheRoot(const std::string& cacheRoot);
+
+    // A library cache that the precompiler may copy sound objects from instead
+    // of compiling them (a system cache's, when the user's library differs
+    // from the one it holds); empty: none. The precompiler checks that it can
+    // be trusted and judges every object it takes; it never writes there.
+    // configure() clears it. Same threading rule as configure().
+    void setAdoptionSource(const std::string& libraryCache);
+    const std::string& getAdoptionSource() const;
+
     Runtime(const Runtime&) = delete;
     Runtime& operator=(const Runtime&) = delete;
 
@@ -51,6 +90,10 @@ private:
 
     RuntimeConfiguration configuration_;
     std::string standardLibraryPath_;
+    std::string userCacheRoot_;
+    std::string systemCacheRoot_;
+    std::string cacheRoot_;
+    std::string adoptionSource_;
     std::string cacheBranchPath_;
     std::string libCachePath_;
     unsigned jobCount_ = 1;

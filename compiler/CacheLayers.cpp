@@ -1,0 +1,206 @@
+// The choice between the user's cache and the system cache (CacheLayers.h).
+// The readiness of each is the bootstrap's own answer: its identity for the
+// configured library and its StandardLibraryCacheState for the layer's state
+// directory. The trust of the system cache is CacheTrust's. What is decided
+// here is only the order of the layers and whether a ready system cache is
+// still as its marker left it.
+
+#include "compiler/CacheLayers.h"
+
+#include "compiler/BootstrapExplanation.h"
+#include "compiler/CacheTrust.h"
+#include "compiler/Runtime.h"
+#include "compiler/StandardLibraryCacheState.h"
+
+#include <cerrno>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <memory>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
+
+namespace quor::compiler {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+bool newer(const struct timespec& a, const struct timespec& b) {
+    return a.tv_sec != b.tv_sec ? a.tv_sec > b.tv_sec : a.tv_nsec > b.tv_nsec;
+}
+
+struct DirectoryCloser {
+    void operator()(DIR* directory) const { ::closedir(directory); }
+};
+
+// The first entry below the open folder `fd` (whose path is `path`) that is
+// neither a folder nor a regular file no newer than `limit`, as a reason; ""
+// when there is none. Takes ownership of `fd`. Descends by descriptor, so
+// that no link on the way is followed.
+std::string firstChangeBelow(int fd, const fs::path& path, const struct timespec& limit) {
+    const std::unique_ptr<DIR, DirectoryCloser> directory(::fdopendir(fd));
+    if (!directory) {
+        const int error = errno;
+        ::close(fd);
+        return "'" + path.native() + "' cannot be listed: " + std::strerror(error);
+    }
+    errno = 0;
+    while (const dirent* entry = ::readdir(directory.get())) {
+        const std::string_view name = entry->d_name;
+        if (name == "." || name == "..") {
+            continue;
+        }
+        const fs::path entryPath = path / name;
+        struct stat info {};
+        if (::fstatat(::dirfd(directory.get()), entry->d_name, &info, AT_SYMLINK_NOFOLLOW) != 0) {
+            return "'" + entryPath.native() + "' cannot be examined: " + std::strerror(errno);
+        }
+        if (S_ISDIR(info.st_mode)) {
+            const int child = ::openat(::dirfd(directory.get()), entry->d_name,
+                                       O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+            if (child < 0) {
+                return "'" + entryPath.native() + "' cannot be listed: " + std::strerror(errno);
+            }
+            if (std::string change = firstChangeBelow(child, entryPath, limit); !change.empty()) {
+                return change;
+            }
+        } else if (!S_ISREG(info.st_mode)) {
+            return "'" + entryPath.native() + "' is " +
+                   (S_ISLNK(info.st_mode) ? "a symbolic link" : "not a regular file");
+        } else if (newer(info.st_mtim, limit)) {
+            return "'" + entryPath.native() + "' changed after the readiness marker was written";
+        }
+        errno = 0;
+    }
+    if (errno != 0) {
+        return "'" + path.native() + "' cannot be listed: " + std::strerror(errno);
+    }
+    return {};
+}
+
+bool sameDirectory(const std::string& a, const std::string& b) {
+    if (fs::path(a).lexically_normal() == fs::path(b).lexically_normal()) {
+        return true;
+    }
+    struct stat first {};
+    struct stat second {};
+    return ::stat(a.c_str(), &first) == 0 && ::stat(b.c_str(), &second) == 0 &&
+           first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+}
+
+// Whether the layer the runtime points at now is ready for `identity`.
+bool layerReady(const explain::FirstLaunchPaths& paths, const explain::Identity& identity) {
+    return StandardLibraryCacheState(paths.stateDirectory, identity.version, identity.abiVersion,
+                                     identity.fingerprint)
+        .isReady();
+}
+
+std::string notReadyReason(const explain::FirstLaunchPaths& paths) {
+    struct stat info {};
+    if (::lstat(paths.cacheRoot.c_str(), &info) != 0 && errno == ENOENT) {
+        return "there is no cache at '" + paths.cacheRoot.native() + "'";
+    }
+    return "'" + paths.cacheRoot.native() +
+           "' is not ready for this compiler and library (its readiness marker '" +
+           paths.marker.native() + "' does not vouch for them)";
+}
+
+} // namespace
+
+std::string_view cacheLayerName(CacheLayerKind kind) {
+    return kind == CacheLayerKind::System ? "system" : "user";
+}
+
+std::string_view layerProblemName(LayerProblem problem) {
+    switch (problem) {
+    case LayerProblem::NotReady:
+        return "not-ready";
+    case LayerProblem::Untrusted:
+        return "untrusted";
+    case LayerProblem::Unreadable:
+        return "unreadable";
+    case LayerProblem::Changed:
+        return "changed";
+    }
+    return "not-ready";
+}
+
+std::string libraryCacheChangeSinceMarker(const fs::path& libraryCache, const fs::path& marker) {
+    struct stat markerInfo {};
+    if (::lstat(marker.c_str(), &markerInfo) != 0) {
+        return "'" + marker.native() + "' cannot be examined: " + std::strerror(errno);
+    }
+    const int fd = ::open(libraryCache.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) {
+        return "'" + libraryCache.native() + "' cannot be listed: " + std::strerror(errno);
+    }
+    return firstChangeBelow(fd, libraryCache, markerInfo.st_mtim);
+}
+
+CacheLayerChoice chooseCacheLayer() {
+    Runtime& runtime = Runtime::getInstance();
+    const std::string userRoot = runtime.getUserCacheRoot();
+    const std::string systemRoot = runtime.getSystemCacheRoot();
+    runtime.useCacheRoot(userRoot);
+    runtime.setAdoptionSource({});
+
+    CacheLayerChoice choice;
+    choice.cacheRoot = userRoot;
+    // The identity depends on the library alone, not on the layer.
+    const explain::Identity identity = explain::currentIdentity();
+    const explain::FirstLaunchPaths userPaths = explain::currentPaths();
+    choice.ready = layerReady(userPaths, identity);
+    if (choice.ready || systemRoot.empty() || sameDirectory(userRoot, systemRoot)) {
+        return choice;
+    }
+    choice.passedOver.push_back(
+        {CacheLayerKind::User, userRoot, LayerProblem::NotReady, notReadyReason(userPaths)});
+
+    runtime.useCacheRoot(systemRoot);
+    const explain::FirstLaunchPaths systemPaths = explain::currentPaths();
+    PassedOverLayer system{CacheLayerKind::System, systemRoot, LayerProblem::NotReady, {}};
+    bool trusted = false;
+    try {
+        verifyCacheRoot(systemPaths.cacheRoot,
+                        cacheLayoutToVerify(systemPaths.cacheBranch, systemPaths.libraryCache,
+                                            {systemPaths.firstLaunch, systemPaths.versionState,
+                                             systemPaths.stateDirectory, systemPaths.lockFile,
+                                             systemPaths.marker}),
+                        false);
+        trusted = true;
+    } catch (const UntrustedCacheError& error) {
+        system.problem = LayerProblem::Untrusted;
+        system.reason = error.what();
+    } catch (const std::exception& error) {
+        system.problem = LayerProblem::Unreadable;
+        system.reason = error.what();
+    }
+    if (trusted) {
+        if (!layerReady(systemPaths, identity)) {
+            system.reason = notReadyReason(systemPaths);
+        } else if (std::string change =
+                       libraryCacheChangeSinceMarker(systemPaths.libraryCache, systemPaths.marker);
+                   !change.empty()) {
+            system.problem = LayerProblem::Changed;
+            system.reason = std::move(change);
+        } else {
+            choice.inUse = CacheLayerKind::System;
+            choice.cacheRoot = systemRoot;
+            choice.ready = true;
+            return choice;
+        }
+    }
+    // Not usable as it stands: the user's cache is built, and a system cache
+    // that can be trusted still lends whatever objects of it are sound.
+    runtime.useCacheRoot(userRoot);
+    if (trusted) {
+        choice.adoptionSource = systemPaths.libraryCache;
+        runtime.setAdoptionSource(systemPaths.libraryCache.native());
+    }
+    choice.passedOver.push_back(std::move(system));
+    return choice;
+}
+
+} // namespace quor::compiler
