@@ -97,14 +97,34 @@ bool layerReady(const explain::FirstLaunchPaths& paths, const explain::Identity&
         .isReady();
 }
 
-std::string notReadyReason(const explain::FirstLaunchPaths& paths) {
+std::string notReadyReason(const explain::FirstLaunchPaths& paths,
+                           const explain::Identity& identity) {
     struct stat info {};
     if (::lstat(paths.cacheRoot.c_str(), &info) != 0 && errno == ENOENT) {
         return "there is no cache at '" + paths.cacheRoot.native() + "'";
     }
-    return "'" + paths.cacheRoot.native() +
-           "' is not ready for this compiler and library (its readiness marker '" +
-           paths.marker.native() + "' does not vouch for them)";
+    // Only on the way to a build: the bootstrap's diagnosis says which
+    // field of the marker differs, at the cost of one more read.
+    const explain::MarkerDiagnosis marker = explain::diagnoseMarker(paths.marker, identity);
+    std::string why;
+    switch (marker.verdict) {
+    case explain::MarkerVerdict::Missing:
+        why = "it has not been built for this compiler";
+        break;
+    case explain::MarkerVerdict::Mismatch:
+        why = "its readiness marker was written for another";
+        for (std::size_t i = 0; i < marker.differences.size(); ++i) {
+            why += (i == 0                               ? " "
+                    : i + 1 == marker.differences.size() ? " and "
+                                                         : ", ") +
+                   marker.differences[i].name;
+        }
+        break;
+    default:
+        why = marker.detail.empty() ? "its readiness marker does not vouch for it" : marker.detail;
+        break;
+    }
+    return "'" + paths.cacheRoot.native() + "' is not ready for this compiler and library: " + why;
 }
 
 } // namespace
@@ -155,8 +175,8 @@ CacheLayerChoice chooseCacheLayer() {
     if (choice.ready || systemRoot.empty() || sameDirectory(userRoot, systemRoot)) {
         return choice;
     }
-    choice.passedOver.push_back(
-        {CacheLayerKind::User, userRoot, LayerProblem::NotReady, notReadyReason(userPaths)});
+    choice.passedOver.push_back({CacheLayerKind::User, userRoot, LayerProblem::NotReady,
+                                 notReadyReason(userPaths, identity)});
 
     runtime.useCacheRoot(systemRoot);
     const explain::FirstLaunchPaths systemPaths = explain::currentPaths();
@@ -179,7 +199,7 @@ CacheLayerChoice chooseCacheLayer() {
     }
     if (trusted) {
         if (!layerReady(systemPaths, identity)) {
-            system.reason = notReadyReason(systemPaths);
+            system.reason = notReadyReason(systemPaths, identity);
         } else if (std::string change =
                        libraryCacheChangeSinceMarker(systemPaths.libraryCache, systemPaths.marker);
                    !change.empty()) {
@@ -201,6 +221,27 @@ CacheLayerChoice chooseCacheLayer() {
     }
     choice.passedOver.push_back(std::move(system));
     return choice;
+}
+
+} // namespace quor::compiler
+
+namespace quor::compiler {
+
+bool isSystemCacheRoot(const fs::path& cacheRoot) {
+    const std::string& system = Runtime::getInstance().getSystemCacheRoot();
+    return !system.empty() && sameDirectory(cacheRoot.native(), system);
+}
+
+void buildInUserCache(CacheLayerChoice& choice) {
+    Runtime& runtime = Runtime::getInstance();
+    if (choice.inUse == CacheLayerKind::System) {
+        choice.adoptionSource = explain::currentPaths().libraryCache;
+        runtime.setAdoptionSource(choice.adoptionSource.native());
+    }
+    runtime.useCacheRoot(runtime.getUserCacheRoot());
+    choice.inUse = CacheLayerKind::User;
+    choice.cacheRoot = runtime.getUserCacheRoot();
+    choice.ready = false;
 }
 
 } // namespace quor::compiler

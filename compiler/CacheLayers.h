@@ -81,6 +81,16 @@ struct CacheLayerChoice {
 // with its reason, and the user's cache is always the last resort.
 CacheLayerChoice chooseCacheLayer();
 
+// Whether `cacheRoot` is the runtime's system cache root (the same directory,
+// by name or by inode). False when the system layer is off.
+bool isSystemCacheRoot(const std::filesystem::path& cacheRoot);
+
+// For a caller that must build although a layer is ready (a rebuild that
+// checks every object, as `quor-stdlib ensure --force` asks): points the
+// runtime back at the user's cache, and when the layer in use was the system
+// cache, names it as the adoption source. Updates `choice` to match.
+void buildInUserCache(CacheLayerChoice& choice);
+
 // Whether the library cache `libraryCache` is as its readiness marker `marker`
 // found it: every entry below it is a folder or a regular file, and no file is
 // newer than the marker. Returns an empty string when it is, else the reason

@@ -340,6 +340,7 @@ LibraryCacheReport inspectLibraryCache(const std::vector<std::string>& sources) 
     const std::vector<PlannedObject> planned = planObjects(sources);
     const fs::path lib = Runtime::getInstance().getLibCachePath();
     const fs::path setAside = setAsideDirectory();
+    const fs::path adoptionSource = Runtime::getInstance().getAdoptionSource();
     const BatchLayout batch = layoutOf(lib, planned);
     report.units.reserve(planned.size());
     for (const PlannedObject& unit : planned) {
@@ -358,6 +359,12 @@ LibraryCacheReport inspectLibraryCache(const std::vector<std::string>& sources) 
                         setAsidePath(setAside, objectformat::escapedField(unit.unitPath), digest),
                         unit.unitPath, text->size(), digest)
                         .verdict == ObjectVerdict::Sound;
+            }
+            if (entry.judgement.verdict != ObjectVerdict::Sound && !entry.setAside &&
+                !adoptionSource.empty()) {
+                entry.adoptable = judgeObject(layout::objectPath(adoptionSource, unit.unitPath),
+                                              unit.unitPath, text->size(), digest)
+                                      .verdict == ObjectVerdict::Sound;
             }
         }
         report.units.push_back(std::move(entry));

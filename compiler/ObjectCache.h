@@ -84,7 +84,10 @@ std::filesystem::path setAsidePath(const std::filesystem::path& setAside,
 struct UnitObjectReport {
     PlannedObject planned;
     ObjectJudgement judgement;
-    bool setAside = false;   // a sound object for the unit's bytes waits in the set-aside area
+    bool setAside = false; // a sound object for the unit's bytes waits in the set-aside area
+    // The adoption source (Runtime::getAdoptionSource()) holds a sound object
+    // for the unit's bytes; looked at only when neither of the above is sound.
+    bool adoptable = false;
     bool unreadable = false; // the unit itself could not be read; judgement is Missing
 };
 
@@ -97,7 +100,8 @@ struct LibraryCacheReport {
 
 // Examines the library cache for `sources` without changing anything: each
 // unit's object judged against the unit's current bytes, whether the set-aside
-// area could supply it, and every entry that belongs to no unit. Throws like
+// area or the adoption source could supply it, and every entry that belongs to
+// no unit. Throws like
 // planObjects(), and std::runtime_error when the library cache exists but
 // cannot be listed.
 LibraryCacheReport inspectLibraryCache(const std::vector<std::string>& sources);

@@ -4,6 +4,7 @@
 
 #include "CacheGuard.h"
 
+#include "compiler/CacheLayers.h"
 #include "compiler/CacheLayout.h"
 
 #include <cerrno>
@@ -55,6 +56,16 @@ CacheAccess guardCache(const CachePaths& paths, CacheUse use) {
     }
     const fs::path root = paths.cacheRoot.empty() ? fs::path(".") : paths.cacheRoot;
     return compiler::verifyCacheRoot(root, layout, use == CacheUse::Build);
+}
+
+void refuseSystemCache(const CachePaths& paths, std::string_view command) {
+    if (::geteuid() == 0 || !compiler::isSystemCacheRoot(paths.cacheRoot))
+        return;
+    throw ToolError(kind::untrusted,
+                    "Quor cache root '" + paths.cacheRoot.native() +
+                        "' is the system cache, which only root changes; 'quor-stdlib " +
+                        std::string(command) +
+                        "' works on your own cache: leave out --cache-root and QUOR_CACHE_DIR");
 }
 
 std::string readOnlyCacheNotReady(const CachePaths& paths) {

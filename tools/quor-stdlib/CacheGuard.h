@@ -42,6 +42,11 @@ std::string readOnlyCacheNotReady(const CachePaths& paths);
 // ".stdlib-bootstrap-<leaf>.lock".
 bool isBuildLockName(const std::string& name);
 
+// Throws the refusal of `command` ("clean", "prune") when `paths` is the
+// system cache and the user is not root: the system layer is never changed
+// by a user's maintenance, however it is named.
+void refuseSystemCache(const CachePaths& paths, std::string_view command);
+
 // The refusal of `clean` on a cache that belongs to root.
 std::string readOnlyCacheCannotBeCleaned(const CachePaths& paths);
 

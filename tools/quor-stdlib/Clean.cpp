@@ -44,6 +44,10 @@ int runClean(const Invocation& invocation, Console& console) {
         configureRuntime(invocation);
         const CachePaths paths = currentPaths();
         const std::string version(compilerVersion());
+        // Clean works on the user's cache: configureRuntime() leaves the
+        // runtime there, and a system cache named as the cache root is refused.
+        if (!invocation.clean.dryRun)
+            refuseSystemCache(paths, "clean");
         // Removal goes by path: every directory of the layout must be a real
         // directory that only the user can change.
         if (guardCache(paths, CacheUse::Inspect) == compiler::CacheAccess::ReadOnly &&

@@ -35,6 +35,7 @@
 #include "Progress.h"
 
 #include "compiler/BuildSession.h"
+#include "compiler/CacheLayers.h"
 #include "compiler/ObjectCache.h"
 #include "compiler/SourceManager.h"
 #include "compiler/StandardLibraryBootstrap.h"
@@ -306,7 +307,8 @@ int reportResult(const Invocation& invocation, Console& console,
                  const StandardLibraryBootstrapResult& result, double seconds,
                  const std::optional<LockHolder>& holder, Clock::time_point started,
                  std::optional<Clock::time_point> buildStarted,
-                 const std::atomic<bool>* interrupted, const compiler::PrecompileSummary& summary) {
+                 const std::atomic<bool>* interrupted, const compiler::PrecompileSummary& summary,
+                 compiler::CacheLayerKind layer) {
     if (invocation.global.json) {
         console.out() << jsonText(nlohmann::ordered_json{{"event", "result"},
                                                          {"bootstrapped", result.bootstrapped},
@@ -314,7 +316,9 @@ int reportResult(const Invocation& invocation, Console& console,
                                                          {"total", result.total},
                                                          {"compiled", summary.compiled},
                                                          {"reused", summary.reused},
+                                                         {"adopted", summary.adopted},
                                                          {"removed", summary.removed},
+                                                         {"layer", compiler::cacheLayerName(layer)},
                                                          {"seconds", seconds}})
                       << std::endl;
     } else if (!invocation.global.quiet) {
@@ -324,8 +328,12 @@ int reportResult(const Invocation& invocation, Console& console,
                           << " in "
                           << formatDuration(
                                  secondsBetween(buildStarted.value_or(started), finished));
-            if (summary.reused != 0 || summary.removed != 0)
+            if (summary.reused != 0 || summary.adopted != 0 || summary.removed != 0)
                 console.out() << " (compiled " << summary.compiled << ", reused " << summary.reused
+                              << (summary.adopted != 0
+                                      ? ", adopted " + std::to_string(summary.adopted) +
+                                            " from the system cache"
+                                      : std::string())
                               << (summary.removed != 0
                                       ? ", removed " + std::to_string(summary.removed) +
                                             (summary.removed == 1 ? " leftover" : " leftovers")
@@ -340,7 +348,9 @@ int reportResult(const Invocation& invocation, Console& console,
         } else if (holder) {
             console.out() << "already up to date (built by " << visible(describe(*holder)) << ")"
                           << std::endl;
-        } else
+        } else if (layer == compiler::CacheLayerKind::System)
+            console.out() << "already up to date (the system cache)" << std::endl;
+        else
             console.out() << "already up to date" << std::endl;
     }
     if (interrupted != nullptr && interrupted->load()) {
@@ -374,8 +384,20 @@ bool readyAsItStands(const CachePaths& paths) {
 
 int runEnsure(const Invocation& invocation, Console& console) {
     CachePaths paths;
+    compiler::CacheLayerChoice layers;
     try {
         configureRuntime(invocation, invocation.ensure.jobs);
+        // A ready system cache serves as it stands: the layer choice vouched
+        // for it, and nothing is created in the user's cache. --force builds
+        // the user's own instead, adopting what of the system cache is sound.
+        const auto started = Clock::now();
+        layers = compiler::chooseCacheLayer();
+        if (layers.inUse == compiler::CacheLayerKind::System && !invocation.ensure.force)
+            return reportResult(invocation, console, StandardLibraryBootstrapResult{},
+                                secondsBetween(started, Clock::now()), std::nullopt, started,
+                                std::nullopt, nullptr, compiler::PrecompileSummary{}, layers.inUse);
+        if (invocation.ensure.force)
+            compiler::buildInUserCache(layers);
         paths = currentPaths();
         // The bootstrap creates, locks and clears by path: it runs only on a
         // cache root that nobody else can change. A read-only system-wide
@@ -404,7 +426,7 @@ int runEnsure(const Invocation& invocation, Console& console) {
         if (readyAsItStands(paths))
             return reportResult(invocation, console, StandardLibraryBootstrapResult{},
                                 secondsBetween(started, Clock::now()), std::nullopt, started,
-                                std::nullopt, nullptr, compiler::PrecompileSummary{});
+                                std::nullopt, nullptr, compiler::PrecompileSummary{}, layers.inUse);
     }
 
     ProgressView view(console, styleFor(invocation, console));
@@ -537,7 +559,8 @@ int runEnsure(const Invocation& invocation, Console& console) {
     return reportResult(invocation, console, exchange.result, seconds, holder, started,
                         buildStarted, &interruptRequested,
                         exchange.result.bootstrapped ? exchange.session.summary()
-                                                     : compiler::PrecompileSummary{});
+                                                     : compiler::PrecompileSummary{},
+                        layers.inUse);
 }
 
 } // namespace quor::stdlibtool

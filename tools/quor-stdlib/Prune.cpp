@@ -87,6 +87,10 @@ int runPrune(const Invocation& invocation, Console& console) {
         // The root shown and locked; what is listed and removed is the
         // bootstrap's own choice, from the same runtime and compiled-in version.
         const fs::path root = paths.cacheRoot;
+        // Prune works on the user's cache: configureRuntime() leaves the
+        // runtime there, and a system cache named as the cache root is refused.
+        if (!invocation.prune.dryRun)
+            refuseSystemCache(paths, "prune");
         // Removal goes by path below the cache root: only a root that nobody
         // else can change may be pruned.
         if (guardCache(paths, CacheUse::Prune) == compiler::CacheAccess::ReadOnly &&

@@ -1,6 +1,8 @@
 // `quor-stdlib status`: what the bootstrap would decide right now, and why.
 // Readiness itself is the bootstrap's answer (StandardLibraryCacheState and
-// isRequired); the marker diagnosis and the unit count only explain it.
+// isRequired); the marker diagnosis and the unit count only explain it. Which
+// cache layer it answers for is the layer choice's (compiler/CacheLayers.h),
+// made here as the compiler makes it, with the layers it passed over and why.
 
 #include "CacheGuard.h"
 #include "CacheProbe.h"
@@ -9,6 +11,7 @@
 #include "Failure.h"
 #include "LibraryFingerprint.h"
 
+#include "compiler/CacheLayers.h"
 #include "compiler/ObjectCache.h"
 #include "compiler/StandardLibraryBootstrap.h"
 #include "compiler/StandardLibraryCacheState.h"
@@ -35,6 +38,7 @@ struct OlderVersion {
 };
 
 struct StatusReport {
+    compiler::CacheLayerChoice layers; // the layer in use and those passed over
     Identity identity;
     CachePaths paths;
     bool libraryFound = false;
@@ -55,6 +59,8 @@ struct StatusReport {
     // many it would take as they are (sound in place, or set aside earlier).
     std::optional<std::size_t> wouldCompile;
     std::optional<std::size_t> wouldReuse;
+    std::optional<std::size_t> wouldAdopt; // copied from the system cache
+
     std::vector<UnreachableEntry> unreachable; // what the build's walk cannot look at
     // Everything the build's walk passes over, with the bootstrap's reason.
     std::vector<compiler::explain::PassedOver> passedOver;
@@ -111,6 +117,9 @@ std::string blockedCacheRoot(const fs::path& cacheRoot) {
 
 StatusReport gatherStatus(bool check) {
     StatusReport report;
+    // Points the runtime at the layer the compiler would use: all below is
+    // about that layer.
+    report.layers = compiler::chooseCacheLayer();
     report.identity = currentIdentity();
     report.paths = currentPaths();
     std::error_code error;
@@ -181,11 +190,15 @@ StatusReport gatherStatus(bool check) {
             // --check only wants the answer.
             if (!report.ready && report.refusal.empty() && !units.empty()) {
                 std::size_t reuse = 0;
-                for (const auto& unit : compiler::inspectLibraryCache(units).units)
+                std::size_t adopt = 0;
+                for (const auto& unit : compiler::inspectLibraryCache(units).units) {
                     reuse +=
                         unit.judgement.verdict == compiler::ObjectVerdict::Sound || unit.setAside;
+                    adopt += unit.adoptable;
+                }
                 report.wouldReuse = reuse;
-                report.wouldCompile = units.size() - reuse;
+                report.wouldAdopt = adopt;
+                report.wouldCompile = units.size() - reuse - adopt;
             }
         } catch (const std::exception& failure) {
             report.unitsError = failure.what();
@@ -266,6 +279,21 @@ json unreachableJson(const StatusReport& report) {
     return entries;
 }
 
+json layerJson(const StatusReport& report) {
+    const auto& layers = report.layers;
+    json passed = json::array();
+    for (const auto& layer : layers.passedOver)
+        passed.push_back({{"name", compiler::cacheLayerName(layer.kind)},
+                          {"cacheRoot", layer.cacheRoot.string()},
+                          {"problem", compiler::layerProblemName(layer.problem)},
+                          {"reason", layer.reason}});
+    return {{"name", compiler::cacheLayerName(layers.inUse)},
+            {"cacheRoot", layers.cacheRoot.string()},
+            {"adoptFrom",
+             layers.adoptionSource.empty() ? json(nullptr) : json(layers.adoptionSource.string())},
+            {"passedOver", std::move(passed)}};
+}
+
 json passedOverJson(const StatusReport& report) {
     json entries = json::array();
     for (const auto& entry : report.passedOver)
@@ -330,6 +358,7 @@ json statusJson(const StatusReport& report) {
           {"stateDirectory", paths.stateDirectory.string()},
           {"marker", paths.marker.string()},
           {"lockFile", paths.lockFile.string()}}},
+        {"layer", layerJson(report)},
         {"libraryFound", report.libraryFound},
         {"access", accessName(report)},
         {"ready", report.ready},
@@ -338,9 +367,10 @@ json statusJson(const StatusReport& report) {
         {"ensureError", report.ensureFailure.empty() ? json(nullptr) : json(report.ensureFailure)},
         {"units", report.units ? json(*report.units) : json(nullptr)},
         {"unitsError", report.unitsError.empty() ? json(nullptr) : json(report.unitsError)},
-        {"nextBuild", report.wouldCompile
-                          ? json{{"compile", *report.wouldCompile}, {"reuse", *report.wouldReuse}}
-                          : json(nullptr)},
+        {"nextBuild", report.wouldCompile ? json{{"compile", *report.wouldCompile},
+                                                 {"reuse", *report.wouldReuse},
+                                                 {"adopt", *report.wouldAdopt}}
+                                          : json(nullptr)},
         {"unreachable", unreachableJson(report)},
         {"passedOver", passedOverJson(report)},
         {"marker", report.refusal.empty()
@@ -378,6 +408,16 @@ void printStatus(const StatusReport& report, Console& console) {
     row("library") << visible(paths.library.string())
                    << (report.libraryFound ? "" : "  (not found)") << '\n';
     row("cache root") << visible(paths.cacheRoot.string()) << '\n';
+    row("layer") << (report.layers.inUse == compiler::CacheLayerKind::System
+                         ? "system: the installation's cache, used as it stands"
+                         : "user: your own cache")
+                 << '\n';
+    for (const auto& layer : report.layers.passedOver)
+        row("") << "  passed over the " << compiler::cacheLayerName(layer.kind)
+                << " cache: " << visible(layer.reason) << '\n';
+    if (!report.layers.adoptionSource.empty())
+        row("") << "  a build adopts sound objects from "
+                << visible(report.layers.adoptionSource.string()) << '\n';
     row("library cache") << visible(paths.libraryCache.string()) << '\n';
     row("state directory") << visible(paths.stateDirectory.string()) << '\n';
     row("marker") << visible(paths.marker.string()) << '\n';
@@ -406,10 +446,14 @@ void printStatus(const StatusReport& report, Console& console) {
         row("units to compile") << *report.units << '\n';
     else
         row("units to compile") << "unknown (" << visible(report.unitsError) << ")\n";
-    if (report.wouldCompile)
+    if (report.wouldCompile) {
         row("next build") << "compiles " << *report.wouldCompile << ", reuses "
                           << *report.wouldReuse << " sound "
-                          << (*report.wouldReuse == 1 ? "object" : "objects") << '\n';
+                          << (*report.wouldReuse == 1 ? "object" : "objects");
+        if (*report.wouldAdopt > 0)
+            out << ", adopts " << *report.wouldAdopt << " from the system cache";
+        out << '\n';
+    }
     if (!report.unreachable.empty()) {
         // The build skips these without a word; this is the only place to learn of them.
         constexpr std::size_t shown = 5;

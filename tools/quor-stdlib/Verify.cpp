@@ -10,6 +10,7 @@
 #include "Console.h"
 #include "Failure.h"
 
+#include "compiler/CacheLayers.h"
 #include "compiler/CacheLayout.h"
 #include "compiler/Compiler.h"
 #include "compiler/ObjectCache.h"
@@ -72,6 +73,8 @@ std::string shown(const fs::path& path, const fs::path& libraryCache) {
 int runVerify(const Invocation& invocation, Console& console) {
     try {
         configureRuntime(invocation);
+        // The layer the compiler would use is the one checked.
+        const compiler::CacheLayerChoice layers = compiler::chooseCacheLayer();
         const CachePaths paths = currentPaths();
         guardCache(paths, CacheUse::Inspect);
         const Identity identity = currentIdentity();
@@ -95,7 +98,8 @@ int runVerify(const Invocation& invocation, Console& console) {
                                 {"path", problem.path.string()},
                                 {"unit", problem.unit.empty() ? json(nullptr) : json(problem.unit)},
                                 {"detail", problem.detail}});
-            console.out() << jsonText(json{{"libraryCache", paths.libraryCache.string()},
+            console.out() << jsonText(json{{"layer", compiler::cacheLayerName(layers.inUse)},
+                                           {"libraryCache", paths.libraryCache.string()},
                                            {"library", paths.library.string()},
                                            {"ready", ready},
                                            {"sound", sound},
@@ -115,9 +119,11 @@ int runVerify(const Invocation& invocation, Console& console) {
             }
             const std::string count =
                 std::to_string(units.size()) + (units.size() == 1 ? " object" : " objects");
+            const bool system = layers.inUse == compiler::CacheLayerKind::System;
             if (sound)
                 out << console.paintOut("sound", Color::Green) << ": " << count
-                    << " match their units in " << visible(paths.libraryCache.string()) << '\n';
+                    << " match their units in " << visible(paths.libraryCache.string())
+                    << (system ? " (the system cache)" : "") << '\n';
             else if (!ready)
                 out << console.paintOut("not ready", Color::Yellow)
                     << ": no valid readiness marker vouches for "
