@@ -323,6 +323,11 @@ std::string_view environmentHelp() {
            "  QUOR_STDLIB_PATH  standard-library root; default: share/quor/stdlib beside\n"
            "                    the installed program, or the source tree's stdlib/\n"
            "  QUOR_CACHE_DIR    cache root; default: $XDG_CACHE_HOME/quor, else ~/.cache/quor\n"
+           "  QUOR_SYSTEM_CACHE_DIR\n"
+           "                    the system cache: root's ready cache of the installed\n"
+           "                    library, used when yours is not ready; default:\n"
+           "                    share/quor/stdlib-cache beside the installed program;\n"
+           "                    empty: none\n"
            "  QUOR_JOBS         precompiler worker threads, at most 256; default: one per\n"
            "                    hardware thread\n"
            "  NO_COLOR          when set and not empty, --color auto prints no colour\n";
