@@ -182,7 +182,7 @@ TEST(StatusCommand, SaysWhatTheNextBuildWouldCompileAndReuse) {
         << text.out;
     const json report =
         json::parse(runTool(sandbox.arguments({"--json", "status"}), sandbox.path()).out);
-    EXPECT_EQ(report["nextBuild"], (json{{"compile", 1}, {"reuse", 3}}));
+    EXPECT_EQ(report["nextBuild"], (json{{"compile", 1}, {"reuse", 3}, {"adopt", 0}}));
 
     ASSERT_EQ(runTool(sandbox.arguments({"--quiet", "ensure"}), sandbox.path()).status, 0);
     const json ready =
