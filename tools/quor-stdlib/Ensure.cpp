@@ -367,17 +367,14 @@ int reportResult(const Invocation& invocation, Console& console,
 
 // Whether the cache is ready as it stands, so that ensure can say so without
 // the worker thread, the signal handlers and the progress view a build needs.
-// A ready cache is the bootstrap's own answer: isRequired() is false while the
-// library is there. Any doubt (no library, a failure) leaves the answer to
-// the bootstrap's ensure() on the usual path.
-bool readyAsItStands(const CachePaths& paths) {
-    try {
-        struct stat library {};
-        return !StandardLibraryBootstrap::isRequired() &&
-               ::stat(paths.library.c_str(), &library) == 0 && S_ISDIR(library.st_mode);
-    } catch (const std::exception&) { // ensure() reports it
-        return false;
-    }
+// A ready cache is the bootstrap's own answer: the layer choice asked its
+// state class whether the marker vouches for this identity (`layers.ready`),
+// and then isRequired() is false while the library is there. Any doubt (no
+// library) leaves the answer to the bootstrap's ensure() on the usual path.
+bool readyAsItStands(const compiler::CacheLayerChoice& layers, const CachePaths& paths) {
+    struct stat library {};
+    return layers.ready && ::stat(paths.library.c_str(), &library) == 0 &&
+           S_ISDIR(library.st_mode);
 }
 
 } // namespace
@@ -423,7 +420,7 @@ int runEnsure(const Invocation& invocation, Console& console) {
     // once with {false, 0, 0}; the answer and its report are the same.
     if (!invocation.ensure.force) {
         const auto started = Clock::now();
-        if (readyAsItStands(paths))
+        if (readyAsItStands(layers, paths))
             return reportResult(invocation, console, StandardLibraryBootstrapResult{},
                                 secondsBetween(started, Clock::now()), std::nullopt, started,
                                 std::nullopt, nullptr, compiler::PrecompileSummary{}, layers.inUse);
