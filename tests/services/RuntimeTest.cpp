@@ -2,8 +2,8 @@
 // installation's defaults, for each setting on its own.
 
 #include "compiler/Runtime.h"
-#include "tests/services/ServicesTestSupport.h"
 #include "quor/Config.h"
+#include "tests/services/ServicesTestSupport.h"
 
 #include <gtest/gtest.h>
 
@@ -92,6 +92,46 @@ TEST(RuntimeTest, BuildTreeDefaultIsTheRepositoryLibrary) {
               (fs::path(QUOR_TEST_SOURCE_DIR) / "stdlib").lexically_normal().native());
 }
 
+TEST(RuntimeTest, TheBuildTreeHasNoSystemCache) {
+    // No cache a package left on this machine decides what a program of the
+    // build tree sees.
+    ScopedEnvironment system("QUOR_SYSTEM_CACHE_DIR", nullptr);
+    ScopedRuntime runtime({});
+    EXPECT_EQ(Runtime::getInstance().getSystemCacheRoot(), "");
+}
+
+TEST(RuntimeTest, TheSystemCacheRootResolvesLikeTheOtherSettings) {
+    {
+        ScopedEnvironment system("QUOR_SYSTEM_CACHE_DIR", "/srv/site-cache");
+        ScopedRuntime runtime({});
+        EXPECT_EQ(Runtime::getInstance().getSystemCacheRoot(), "/srv/site-cache");
+    }
+    {
+        ScopedEnvironment system("QUOR_SYSTEM_CACHE_DIR", "/srv/site-cache");
+        quor::compiler::RuntimeConfiguration configuration;
+        configuration.systemCacheRoot = "/opt/image-cache";
+        ScopedRuntime runtime(configuration);
+        EXPECT_EQ(Runtime::getInstance().getSystemCacheRoot(), "/opt/image-cache");
+    }
+}
+
+TEST(RuntimeTest, UseCacheRootMovesTheCachePathsAndConfigureMovesThemBack) {
+    ScopedRuntime runtime({"", "/home/user/.cache/quor", 1});
+    Runtime& instance = Runtime::getInstance();
+    instance.useCacheRoot("/usr/share/quor/stdlib-cache");
+    instance.setAdoptionSource("/somewhere/lib");
+    EXPECT_EQ(instance.getCacheRoot(), "/usr/share/quor/stdlib-cache");
+    EXPECT_EQ(instance.getCacheBranchPath(),
+              std::string("/usr/share/quor/stdlib-cache/") + QUOR_COMPILER_VERSION);
+    EXPECT_EQ(instance.getLibCachePath(),
+              std::string("/usr/share/quor/stdlib-cache/") + QUOR_COMPILER_VERSION + "/lib");
+    EXPECT_EQ(instance.getUserCacheRoot(), "/home/user/.cache/quor");
+    EXPECT_EQ(instance.getJobCount(), 1u);
+    instance.configure({"", "/home/user/.cache/quor", 1});
+    EXPECT_EQ(instance.getCacheRoot(), "/home/user/.cache/quor");
+    EXPECT_EQ(instance.getAdoptionSource(), "");
+}
+
 // The installed case needs a program inside an installation prefix: a copy of
 // this test program is placed in <prefix>/bin and runs the probe below, which
 // checks the expectation handed over in QUOR_TEST_EXPECT_STDLIB.
@@ -104,18 +144,29 @@ TEST(RuntimeTest, InstalledDefaultIsTheLibraryBesideTheProgram) {
     fs::path installed = prefix.path() / "share" / "quor" / "stdlib";
     fs::create_directories(installed);
 
-    pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        ::setenv("QUOR_TEST_EXPECT_STDLIB", installed.c_str(), 1);
-        ::unsetenv("QUOR_STDLIB_PATH");
-        ::execl(program.c_str(), program.c_str(), "--gtest_filter=RuntimeProbe.*", nullptr);
-        ::_exit(127);
+    // The default, then an empty QUOR_SYSTEM_CACHE_DIR: unlike the other
+    // variables, a set but empty one is an answer, no system cache.
+    const std::string besideLibrary = (prefix.path() / "share" / "quor" / "stdlib-cache").native();
+    for (const char* system : {static_cast<const char*>(nullptr), ""}) {
+        pid_t child = ::fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            ::setenv("QUOR_TEST_EXPECT_STDLIB", installed.c_str(), 1);
+            ::setenv("QUOR_TEST_EXPECT_SYSTEM_CACHE", system ? "" : besideLibrary.c_str(), 1);
+            ::unsetenv("QUOR_STDLIB_PATH");
+            if (system == nullptr) {
+                ::unsetenv("QUOR_SYSTEM_CACHE_DIR");
+            } else {
+                ::setenv("QUOR_SYSTEM_CACHE_DIR", system, 1);
+            }
+            ::execl(program.c_str(), program.c_str(), "--gtest_filter=RuntimeProbe.*", nullptr);
+            ::_exit(127);
+        }
+        int status = 0;
+        ASSERT_EQ(::waitpid(child, &status, 0), child);
+        ASSERT_TRUE(WIFEXITED(status));
+        EXPECT_EQ(WEXITSTATUS(status), 0) << (system ? "empty" : "unset");
     }
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0);
 }
 
 TEST(RuntimeProbe, StandardLibraryPathMatchesExpectation) {
@@ -124,6 +175,8 @@ TEST(RuntimeProbe, StandardLibraryPathMatchesExpectation) {
         GTEST_SKIP() << "runs only as the child of InstalledDefaultIsTheLibraryBesideTheProgram";
     }
     EXPECT_EQ(Runtime::getInstance().getStandardLibraryPath(), expected);
+    EXPECT_EQ(Runtime::getInstance().getSystemCacheRoot(),
+              std::getenv("QUOR_TEST_EXPECT_SYSTEM_CACHE"));
 }
 
 } // namespace
