@@ -63,7 +63,8 @@ install: configure
 	cmake -S . -B $(BUILD) -DCMAKE_INSTALL_PREFIX=$(PREFIX) >/dev/null && cmake --build --preset default && cmake --install $(BUILD)
 
 # The Debian package, $(PACKAGE_BUILD)/quor-bootstrap_<version>_<arch>.deb, from
-# the package preset; tests/package/check-package.sh unpacks and tries it.
+# the package preset; tests/package/check-package.sh unpacks and tries it, and
+# tests/package/check-install.sh installs it with dpkg into a scratch root.
 package:
 	@bash .ci/install-deps package && bash .ci/configure $(PACKAGE_BUILD) package $(CMAKE_FLAGS)
 	cmake --build --preset package

@@ -1,12 +1,15 @@
 # What `cmake --install` puts under the prefix:
 #   share/quor/stdlib/...                the library's ".qr" sources, folders kept,
 #   share/quor/stdlib/.quor-stdlib-fingerprint   and their fingerprint,
+#   share/quor/stdlib-cache/             the system cache: that library precompiled
+#                                        by the built quor-stdlib, ready to use
+#                                        read-only (QUOR_SYSTEM_CACHE_NAME),
 #   share/quor/PackageLocation.cpp       compiled into programs built against the
 #                                        package, so that they find that library,
 #   include/quor/compiler/...            the public headers (quor_headers),
-#   lib/libquor_bootstrap.a, lib/libquor_services.a,
+#   lib/libquor_bootstrap.a, lib/libquor_services.a, lib/libquor_layers.a,
 #   lib/cmake/QuorBootstrap/             the CMake package (Quor::bootstrap, Quor::services,
-#                                        and Quor::headers, which both use),
+#                                        Quor::layers, and Quor::headers, which they use),
 #   lib/pkgconfig/quor-bootstrap.pc      the same for pkg-config,
 #   share/doc/quor-bootstrap/            the README, docs/ and examples/.
 # The tool installs itself from its own folder; its manual page and completion
@@ -24,6 +27,8 @@ include(CMakePackageConfigHelpers)
 # look for "stdlib" beside wherever PackageLocation.cpp was compiled from.
 set(QUOR_INSTALL_STDLIBDIR "${CMAKE_INSTALL_DATADIR}/quor/stdlib")
 set(QUOR_INSTALL_LOCATION_FILE "${CMAKE_INSTALL_DATADIR}/quor/PackageLocation.cpp")
+# The system cache lies beside the library too: the services find it there.
+set(QUOR_INSTALL_SYSTEM_CACHEDIR "${CMAKE_INSTALL_DATADIR}/quor/${QUOR_SYSTEM_CACHE_NAME}")
 set(QUOR_INSTALL_CMAKEDIR "${CMAKE_INSTALL_LIBDIR}/cmake/QuorBootstrap")
 set(QUOR_INSTALL_PKGCONFIGDIR "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
 
@@ -44,7 +49,8 @@ install(DIRECTORY "${QUOR_STDLIB_SOURCE_DIR}/"
 if(QUOR_STDLIB_FINGERPRINT_COMMAND STREQUAL "")
   install(CODE "
   message(WARNING \"No quor-stdlib to fingerprint the installed standard library with \"
-                  \"(see QUOR_STDLIB_FINGERPRINT_TOOL): it is installed without its fingerprint.\")
+                  \"(see QUOR_STDLIB_FINGERPRINT_TOOL): it is installed without its fingerprint \"
+                  \"and without a system cache.\")
 " COMPONENT stdlib)
 else()
   install(CODE "
@@ -64,6 +70,55 @@ else()
   endif()
   list(APPEND CMAKE_INSTALL_MANIFEST_FILES \"\${_quor_fingerprint}\")
 " COMPONENT stdlib)
+
+  # The system cache: the installed library precompiled by the same tool, once,
+  # when the package is made, so that no user's first start has to build it.
+  # Objects are byte-identical on every machine (docs/object-format.md), so the
+  # cache is data derived from the library, like byte-compiled files, and the
+  # package ships it: dpkg then owns every file of it, and an upgrade or a purge
+  # replaces or removes it with no maintainer script.
+  #
+  # A cache left by an earlier installation is removed first, so that what is
+  # installed holds this library's objects alone, for this compiler version
+  # alone. The system layer is turned off (an empty QUOR_SYSTEM_CACHE_DIR), so
+  # that a system cache already on the build machine is never adopted from:
+  # every object is compiled from the installed library. The build lock is
+  # removed afterwards, since a cache used read-only never takes it, and the
+  # modes are set for everyone to read, whatever the umask of the build.
+  install(CODE "
+  set(_quor_stdlib \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${QUOR_INSTALL_STDLIBDIR}\")
+  if(IS_ABSOLUTE \"${QUOR_INSTALL_STDLIBDIR}\")
+    set(_quor_stdlib \"\$ENV{DESTDIR}${QUOR_INSTALL_STDLIBDIR}\")
+  endif()
+  set(_quor_cache \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${QUOR_INSTALL_SYSTEM_CACHEDIR}\")
+  if(IS_ABSOLUTE \"${QUOR_INSTALL_SYSTEM_CACHEDIR}\")
+    set(_quor_cache \"\$ENV{DESTDIR}${QUOR_INSTALL_SYSTEM_CACHEDIR}\")
+  endif()
+  message(STATUS \"Precompiling: \${_quor_cache}\")
+  file(REMOVE_RECURSE \"\${_quor_cache}\")
+  execute_process(
+    COMMAND \"\${CMAKE_COMMAND}\" -E env QUOR_SYSTEM_CACHE_DIR=
+            \"${QUOR_STDLIB_FINGERPRINT_COMMAND}\" --stdlib \"\${_quor_stdlib}\"
+            --cache-root \"\${_quor_cache}\" --quiet ensure
+    OUTPUT_QUIET
+    ERROR_VARIABLE _quor_error
+    RESULT_VARIABLE _quor_result)
+  if(NOT _quor_result EQUAL 0)
+    message(FATAL_ERROR \"Unable to precompile the installed standard library into \"
+                        \"\${_quor_cache}: \${_quor_result}\\n\${_quor_error}\")
+  endif()
+  file(GLOB _quor_locks LIST_DIRECTORIES false
+       \"\${_quor_cache}/.first-launch/*/.stdlib-bootstrap-*.lock\")
+  if(_quor_locks)
+    file(REMOVE \${_quor_locks})
+  endif()
+  file(CHMOD_RECURSE \"\${_quor_cache}\"
+       FILE_PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ
+       DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE
+                             GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+  file(GLOB_RECURSE _quor_cache_files LIST_DIRECTORIES false \"\${_quor_cache}/*\")
+  list(APPEND CMAKE_INSTALL_MANIFEST_FILES \${_quor_cache_files})
+" COMPONENT stdlib)
 endif()
 
 install(FILES "${PROJECT_SOURCE_DIR}/compiler/package/PackageLocation.cpp"
@@ -75,7 +130,8 @@ install(FILES "${PROJECT_SOURCE_DIR}/compiler/package/PackageLocation.cpp"
 set_target_properties(quor_headers PROPERTIES EXPORT_NAME headers)
 set_target_properties(quor_bootstrap PROPERTIES EXPORT_NAME bootstrap)
 set_target_properties(quor_services_installed PROPERTIES EXPORT_NAME services)
-install(TARGETS quor_headers quor_bootstrap quor_services_installed
+set_target_properties(quor_layers PROPERTIES EXPORT_NAME layers)
+install(TARGETS quor_headers quor_bootstrap quor_layers quor_services_installed
   EXPORT QuorBootstrapTargets
   ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT development
   LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT development
@@ -89,7 +145,8 @@ configure_package_config_file(
   "${CMAKE_CURRENT_LIST_DIR}/QuorBootstrapConfig.cmake.in"
   "${PROJECT_BINARY_DIR}/generated/QuorBootstrapConfig.cmake"
   INSTALL_DESTINATION "${QUOR_INSTALL_CMAKEDIR}"
-  PATH_VARS QUOR_INSTALL_STDLIBDIR QUOR_INSTALL_LOCATION_FILE CMAKE_INSTALL_INCLUDEDIR)
+  PATH_VARS QUOR_INSTALL_STDLIBDIR QUOR_INSTALL_SYSTEM_CACHEDIR QUOR_INSTALL_LOCATION_FILE
+            CMAKE_INSTALL_INCLUDEDIR)
 # The bootstrap's cache layout and marker are tied to the compiler version, and
 # before 1.0 a minor version may change them: only the same major.minor matches.
 write_basic_package_version_file(

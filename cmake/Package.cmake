@@ -1,7 +1,8 @@
 # The Debian package, made by CPack from what `cmake --install` puts under the
 # prefix: the tool with its manual page and completion, the standard library
-# with its fingerprint, the static libraries, the headers, the CMake and
-# pkg-config files, and the documentation. `make package` builds it in a
+# with its fingerprint and its system cache (the library precompiled, which
+# dpkg then owns like any other file), the static libraries, the headers, the
+# CMake and pkg-config files, and the documentation. `make package` builds it in a
 # Release tree of its own, configured for /usr, so that the location the
 # installed services fall back to is the one the package installs to.
 
@@ -18,11 +19,15 @@ set(CPACK_PACKAGE_DESCRIPTION_SUMMARY
   "Quor standard library, its first-launch bootstrap and the quor-stdlib tool")
 # CPack puts the summary on the first line of the Description field itself.
 set(CPACK_DEBIAN_PACKAGE_DESCRIPTION
-  "The Quor compiler precompiles its standard library into a per-user cache on
-its first start. This package holds that library with its fingerprint, the
-quor-stdlib tool that examines, prepares and prunes the cache, and what a
-compiler needs to embed the bootstrap: static libraries, headers, a CMake
-package (QuorBootstrap) and a pkg-config file (quor-bootstrap).")
+  "The Quor compiler needs its standard library precompiled before it can
+compile anything. This package ships that library already precompiled, as a
+read-only system cache under ${CMAKE_INSTALL_FULL_DATADIR}/quor/${QUOR_SYSTEM_CACHE_NAME}, so that every
+user's compiler starts ready without building it; a compiler pointed at
+another copy of the library builds it into a per-user cache on its first
+start. The package holds the library with its fingerprint and its system
+cache, the quor-stdlib tool that examines, prepares and prunes the caches,
+and what a compiler needs to embed the bootstrap: static libraries, headers,
+a CMake package (QuorBootstrap) and a pkg-config file (quor-bootstrap).")
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION "devel")
 set(CPACK_DEBIAN_PACKAGE_PRIORITY "optional")

@@ -4,8 +4,10 @@
 // start of this compiler version, with a progress line), and only then carries
 // on with the sources it was given. docs/embedding.md walks through it.
 //
-//   quorc [--stdlib DIR] [--cache-root DIR] [--jobs N] [FILE...]
+//   quorc [--stdlib DIR] [--cache-root DIR] [--system-cache DIR | --no-system-cache]
+//         [--jobs N] [FILE...]
 
+#include <quor/compiler/CacheLayers.h>
 #include <quor/compiler/CacheTrust.h>
 #include <quor/compiler/Runtime.h>
 #include <quor/compiler/SourceManager.h>
@@ -33,7 +35,7 @@ using quor::compiler::StandardLibraryBootstrapResult;
 using quor::compiler::StandardLibraryBootstrapStage;
 
 struct Options {
-    RuntimeConfiguration runtime; // empty fields leave the environment and defaults in charge
+    RuntimeConfiguration runtime; // untouched fields leave the environment and defaults in charge
     std::vector<std::string> sources;
 };
 
@@ -46,6 +48,12 @@ std::optional<Options> parseOptions(int argc, char** argv) {
             options.runtime.standardLibraryPath = argv[++i];
         } else if (argument == "--cache-root" && hasValue) {
             options.runtime.cacheRoot = argv[++i];
+        } else if (argument == "--system-cache" && hasValue) {
+            options.runtime.systemCacheRoot = argv[++i];
+        } else if (argument == "--no-system-cache") {
+            // An empty root turns the system layer off: only the user's cache
+            // is used, and nothing is adopted from the system's.
+            options.runtime.systemCacheRoot = std::string();
         } else if (argument == "--jobs" && hasValue) {
             options.runtime.jobs = static_cast<unsigned>(std::strtoul(argv[++i], nullptr, 10));
         } else if (argument.starts_with("-")) {
@@ -181,11 +189,17 @@ bool prepareStandardLibrary() {
 int main(int argc, char** argv) {
     const std::optional<Options> options = parseOptions(argc, argv);
     if (!options) {
-        std::cerr << "usage: quorc [--stdlib DIR] [--cache-root DIR] [--jobs N] [FILE...]\n";
+        std::cerr << "usage: quorc [--stdlib DIR] [--cache-root DIR] [--system-cache DIR | "
+                     "--no-system-cache] [--jobs N] [FILE...]\n";
         return 2;
     }
     // Before anything else reads the runtime, and before any other thread runs.
     Runtime::getInstance().configure(options->runtime);
+    // Then the cache that serves this start: the user's when it is ready, else
+    // the system cache when that one is, else the user's again, to be built.
+    // Before the bootstrap is asked anything, since it answers for the cache
+    // the runtime points at.
+    const quor::compiler::CacheLayerChoice layer = quor::compiler::chooseCacheLayer();
 
     if (!prepareStandardLibrary()) {
         return 1;
@@ -195,7 +209,8 @@ int main(int argc, char** argv) {
     // against the precompiled library; this one only reads them.
     const Runtime& runtime = Runtime::getInstance();
     std::cout << "quorc: standard library " << runtime.getStandardLibraryPath()
-              << "\nquorc: precompiled in " << runtime.getLibCachePath() << '\n';
+              << "\nquorc: precompiled in " << runtime.getLibCachePath() << " ("
+              << quor::compiler::cacheLayerName(layer.inUse) << " cache)\n";
     for (const std::string& source : options->sources) {
         const auto text = quor::compiler::SourceManager::instance().contents(source);
         if (!text) {

@@ -5,7 +5,8 @@
 // find_package, with pkg-config, by hand), each run with no setting pointing at
 // the library: they must find the installed one where the prefix lies now,
 // whether it was installed there, copied there, staged with DESTDIR, or its
-// source tree is gone.
+// source tree is gone. The installation's system cache, the library
+// precompiled, serves those that choose a cache layer.
 
 #include "InstallTestSupport.h"
 #include "quor/Config.h"
@@ -53,7 +54,16 @@ std::map<std::string, std::string> keyValues(const std::string& output) {
 std::map<std::string, std::optional<std::string>> freshCache(const fs::path& cache) {
     return {{"QUOR_CACHE_DIR", cache.string()},
             {"QUOR_STDLIB_PATH", std::nullopt},
+            {"QUOR_SYSTEM_CACHE_DIR", std::nullopt},
             {"XDG_CACHE_HOME", std::nullopt}};
+}
+
+// The same with the system layer off, as an empty QUOR_SYSTEM_CACHE_DIR turns
+// it off: the user's cache is the only one, as before any system cache.
+std::map<std::string, std::optional<std::string>> userCacheOnly(const fs::path& cache) {
+    auto environment = freshCache(cache);
+    environment["QUOR_SYSTEM_CACHE_DIR"] = "";
+    return environment;
 }
 
 fs::path markerOf(const fs::path& cache) {
@@ -137,6 +147,7 @@ protected:
 
     static fs::path prefix() { return prefixDir_->path(); }
     static fs::path stdlib() { return prefix() / "share" / "quor" / "stdlib"; }
+    static fs::path systemCache() { return prefix() / "share" / "quor" / QUOR_SYSTEM_CACHE_NAME; }
     static fs::path tool() { return prefix() / "bin" / "quor-stdlib"; }
     static fs::path docs() { return prefix() / "share" / "doc" / "quor-bootstrap"; }
 
@@ -172,11 +183,64 @@ TEST_F(InstallTest, RecordsTheFingerprintInTheInstallManifest) {
         << manifest;
 }
 
+// The system cache is the installed library precompiled by the installation
+// itself: certified for the installed fingerprint, an object for every unit
+// the marker vouches for, without the build lock (a cache used read-only never
+// takes it), readable by everyone, and every file of it in the manifest.
+TEST_F(InstallTest, InstallsTheSystemCacheOfTheInstalledLibrary) {
+    if (fingerprintTool().empty()) {
+        GTEST_SKIP() << "this build has no quor-stdlib to precompile the library with";
+    }
+    const std::string installed = readFile(stdlib() / ".quor-stdlib-fingerprint");
+    ASSERT_FALSE(installed.empty());
+    const std::string marker = readFile(markerOf(systemCache()));
+    EXPECT_NE(marker.find("\nfingerprint=" + installed), std::string::npos) << marker;
+    EXPECT_NE(marker.find("\nversion=" QUOR_COMPILER_VERSION "\n"), std::string::npos) << marker;
+    EXPECT_TRUE(fs::is_regular_file(systemCache() / QUOR_COMPILER_VERSION / "lib" / "Prelude.qo"));
+
+    const std::string manifest = readFile(buildDir / "install_manifest.txt");
+    std::size_t files = 0;
+    for (const auto& entry : fs::recursive_directory_iterator(systemCache())) {
+        if (entry.is_directory()) {
+            continue;
+        }
+        ++files;
+        EXPECT_TRUE(entry.is_regular_file()) << entry.path();
+        EXPECT_FALSE(entry.path().filename().string().ends_with(".lock")) << entry.path();
+        EXPECT_NE(manifest.find(entry.path().string() + "\n"), std::string::npos)
+            << entry.path() << " is not in the install manifest";
+    }
+    EXPECT_GT(files, 2U);
+}
+
+// Every user reads the system cache, whatever the umask of whoever installed
+// it: its folders are 0755 and its files 0644 even when the installation ran
+// under a umask that keeps everything private.
+TEST_F(InstallTest, SystemCacheIsReadableByAllWhateverTheUmask) {
+    if (fingerprintTool().empty()) {
+        GTEST_SKIP() << "this build has no quor-stdlib to precompile the library with";
+    }
+    TemporaryDirectory scratch("install-umask");
+    const fs::path prefix = scratch.path() / "prefix";
+    ProcessResult installed =
+        runShell("umask 077 && '" QUOR_TEST_CMAKE_COMMAND "' --install '" + buildDir.string() +
+                 "' --component stdlib --prefix '" + prefix.string() + "'");
+    ASSERT_EQ(installed.status, 0) << installed.out;
+    const fs::path cache = prefix / "share" / "quor" / QUOR_SYSTEM_CACHE_NAME;
+    ASSERT_TRUE(fs::is_regular_file(markerOf(cache))) << installed.out;
+    EXPECT_EQ(fs::status(cache).permissions(), fs::perms(0755));
+    for (const auto& entry : fs::recursive_directory_iterator(cache)) {
+        EXPECT_EQ(entry.symlink_status().permissions(),
+                  entry.is_directory() ? fs::perms(0755) : fs::perms(0644))
+            << entry.path();
+    }
+}
+
 TEST_F(InstallTest, InstallsThePublicHeaders) {
     const fs::path include = prefix() / "include" / "quor" / "compiler";
     for (const char* header :
-         {"StandardLibraryBootstrap.h", "StandardLibraryCacheState.h", "Runtime.h", "Compiler.h",
-          "SourceManager.h", "CacheTrust.h", "source/TypeHeader.h"}) {
+         {"StandardLibraryBootstrap.h", "StandardLibraryCacheState.h", "CacheLayers.h", "Runtime.h",
+          "Compiler.h", "SourceManager.h", "CacheTrust.h", "source/TypeHeader.h"}) {
         ASSERT_TRUE(fs::is_regular_file(include / header)) << header;
         EXPECT_EQ(readFile(include / header), readFile(sourceDir / "compiler" / header)) << header;
     }
@@ -200,12 +264,14 @@ TEST_F(InstallTest, InstallsThePublicHeaders) {
 TEST_F(InstallTest, InstallsTheLibrariesAndThePackages) {
     EXPECT_TRUE(fs::is_regular_file(prefix() / libDir / "libquor_bootstrap.a"));
     EXPECT_TRUE(fs::is_regular_file(prefix() / libDir / "libquor_services.a"));
+    EXPECT_TRUE(fs::is_regular_file(prefix() / libDir / "libquor_layers.a"));
     const fs::path package = prefix() / libDir / "cmake" / "QuorBootstrap";
     EXPECT_TRUE(fs::is_regular_file(package / "QuorBootstrapConfig.cmake"));
     EXPECT_TRUE(fs::is_regular_file(package / "QuorBootstrapConfigVersion.cmake"));
     const std::string targets = readFile(package / "QuorBootstrapTargets.cmake");
     EXPECT_NE(targets.find("Quor::bootstrap"), std::string::npos);
     EXPECT_NE(targets.find("Quor::services"), std::string::npos);
+    EXPECT_NE(targets.find("Quor::layers"), std::string::npos);
     EXPECT_TRUE(fs::is_regular_file(prefix() / libDir / "pkgconfig" / "quor-bootstrap.pc"));
     // Beside the library, where the installed services look for it.
     EXPECT_EQ(readFile(prefix() / "share" / "quor" / "PackageLocation.cpp"),
@@ -330,6 +396,21 @@ TEST_F(InstallTest, ConsumerProjectDefaultsToTheInstalledLibrary) {
     ASSERT_EQ(buildWithCMake(copyConsumer(scratch.path()), build, prefix()), "");
     expectConsumerUsesTheLibraryOf(build / "consumer", prefix(), scratch.path() / "cache");
     expectConsumerUsesTheLibraryOf(build / "consumer", prefix(), scratch.path() / "cache-2", true);
+
+    // Linked with Quor::layers, it finds the installation's system cache
+    // beside the library, ready, and points the runtime at it: a fresh user's
+    // cache is neither needed nor created.
+    const fs::path cache = scratch.path() / "cache-3";
+    ProcessResult layered =
+        runProcess({(build / "consumer").string(), "layers"}, freshCache(cache));
+    ASSERT_EQ(layered.status, 0) << layered.out;
+    const auto values = keyValues(layered.out);
+    EXPECT_EQ(values.count("layer") ? values.at("layer") : "", "system") << layered.out;
+    EXPECT_EQ(values.count("branch") ? values.at("branch") : "",
+              (systemCache() / QUOR_COMPILER_VERSION).string())
+        << layered.out;
+    EXPECT_EQ(values.count("required") ? values.at("required") : "", "0") << layered.out;
+    EXPECT_FALSE(fs::exists(cache));
 }
 
 // A prefix copied elsewhere after its installation serves its consumers from
@@ -371,15 +452,18 @@ TEST_F(InstallTest, PkgConfigConsumersBuildAndRun) {
     const std::map<std::string, std::optional<std::string>> pkgConfig = {
         {"PKG_CONFIG_PATH", (prefix() / libDir / "pkgconfig").string()}};
     ProcessResult version = runShell("pkg-config --modversion quor-bootstrap && "
-                                     "pkg-config --variable=stdlibdir quor-bootstrap",
+                                     "pkg-config --variable=stdlibdir quor-bootstrap && "
+                                     "pkg-config --variable=systemcachedir quor-bootstrap",
                                      pkgConfig);
     ASSERT_EQ(version.status, 0) << version.out;
     std::istringstream lines(version.out);
-    std::string modversion, stdlibdir;
+    std::string modversion, stdlibdir, systemcachedir;
     std::getline(lines, modversion);
     std::getline(lines, stdlibdir);
+    std::getline(lines, systemcachedir);
     EXPECT_EQ(modversion, QUOR_COMPILER_VERSION);
     EXPECT_EQ(fs::canonical(stdlibdir), fs::canonical(stdlib()));
+    EXPECT_EQ(fs::weakly_canonical(systemcachedir), fs::weakly_canonical(systemCache()));
 
     ProcessResult built = runShell("cd '" + project.string() +
                                        "' && c++ -std=c++20 -Wall -Wextra -Wpedantic -o consumer "
@@ -394,20 +478,30 @@ TEST_F(InstallTest, PkgConfigConsumersBuildAndRun) {
     ProcessResult driver = runProcess(
         {"sh", (scratch.path() / "examples" / "pkg-config" / "build.sh").string()}, pkgConfig);
     ASSERT_EQ(driver.status, 0) << driver.out;
-    ProcessResult run =
-        runProcess({(scratch.path() / "examples" / "pkg-config" / "quorc").string()},
-                   freshCache(scratch.path() / "driver-cache"));
+    const fs::path quorc = scratch.path() / "examples" / "pkg-config" / "quorc";
+    ProcessResult run = runProcess({quorc.string(), "--no-system-cache"},
+                                   freshCache(scratch.path() / "driver-cache"));
     ASSERT_EQ(run.status, 0) << run.out;
     EXPECT_NE(run.out.find("quorc: standard library " + stdlib().string() + "\n"),
               std::string::npos)
         << run.out;
     EXPECT_TRUE(fs::is_regular_file(markerOf(scratch.path() / "driver-cache"))) << run.out;
+    // With its defaults it starts from the system cache beside the library.
+    ProcessResult layered = runProcess({quorc.string()}, freshCache(scratch.path() / "cache-2"));
+    ASSERT_EQ(layered.status, 0) << layered.out;
+    EXPECT_NE(layered.out.find("quorc: precompiled in " +
+                               (systemCache() / QUOR_COMPILER_VERSION / "lib").string() +
+                               " (system cache)\n"),
+              std::string::npos)
+        << layered.out;
+    EXPECT_FALSE(fs::exists(scratch.path() / "cache-2"));
 }
 
 // The example driver of docs/embedding.md, built with its own build script
-// against the installed package: on a fresh cache it says why the start is
-// slow, builds with a progress line and carries on; when another process holds
-// the build lock it says that it waits; once the cache is ready it is silent.
+// against the installed package, with the system layer off: on a fresh cache
+// it says why the start is slow, builds with a progress line and carries on;
+// when another process holds the build lock it says that it waits; once the
+// cache is ready it is silent.
 TEST_F(InstallTest, ExampleDriverMakesAFreshCacheReady) {
     TemporaryDirectory scratch("driver");
     const fs::path examples = scratch.path() / "examples";
@@ -431,7 +525,8 @@ TEST_F(InstallTest, ExampleDriverMakesAFreshCacheReady) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1500));
         ::close(fd);
     });
-    ProcessResult first = runProcess({quorc.string(), source.string()}, freshCache(cache));
+    ProcessResult first =
+        runProcess({quorc.string(), "--no-system-cache", source.string()}, freshCache(cache));
     release.join();
     ASSERT_EQ(first.status, 0) << first.out;
     const std::string& out = first.out;
@@ -460,40 +555,132 @@ TEST_F(InstallTest, ExampleDriverMakesAFreshCacheReady) {
         << out;
     EXPECT_TRUE(fs::is_regular_file(markerOf(cache)));
 
-    ProcessResult second = runProcess({quorc.string()}, freshCache(cache));
+    ProcessResult second = runProcess({quorc.string(), "--no-system-cache"}, freshCache(cache));
     ASSERT_EQ(second.status, 0) << second.out;
     EXPECT_EQ(second.out.find("first start"), std::string::npos) << second.out;
     EXPECT_EQ(second.out.find("building"), std::string::npos) << second.out;
     EXPECT_NE(second.out.find("quorc: precompiled in " +
-                              (cache / QUOR_COMPILER_VERSION / "lib").string()),
+                              (cache / QUOR_COMPILER_VERSION / "lib").string() + " (user cache)\n"),
               std::string::npos)
         << second.out;
+    // The user's ready cache comes first, even with the system layer on.
+    ProcessResult third = runProcess({quorc.string()}, freshCache(cache));
+    ASSERT_EQ(third.status, 0) << third.out;
+    EXPECT_NE(third.out.find("quorc: precompiled in " +
+                             (cache / QUOR_COMPILER_VERSION / "lib").string() + " (user cache)\n"),
+              std::string::npos)
+        << third.out;
 
     // A missing library is an error, not a silent start without one.
-    ProcessResult missing =
-        runProcess({quorc.string(), "--stdlib", (scratch.path() / "no-such-library").string()},
-                   freshCache(scratch.path() / "cache-missing"));
+    ProcessResult missing = runProcess({quorc.string(), "--no-system-cache", "--stdlib",
+                                        (scratch.path() / "no-such-library").string()},
+                                       freshCache(scratch.path() / "cache-missing"));
     EXPECT_EQ(missing.status, 1) << missing.out;
     EXPECT_NE(missing.out.find("quorc: error: Unable to enumerate Quor standard library"),
               std::string::npos)
         << missing.out;
 }
 
+// With its defaults the driver starts from the installation's system cache
+// while the user's is not ready: no notice, no build, and nothing created in
+// the user's cache. Given a copy of the library that differs from the
+// installed one, it builds its user's cache, since the system cache holds
+// the installed library's objects and not that copy's.
+TEST_F(InstallTest, ExampleDriverStartsFromTheSystemCache) {
+    if (!fs::exists(tool())) {
+        GTEST_SKIP() << "the tool is not part of this installation";
+    }
+    TemporaryDirectory scratch("driver-system");
+    const fs::path examples = scratch.path() / "examples";
+    fs::copy(sourceDir / "examples", examples, fs::copy_options::recursive);
+    ProcessResult built = runProcess({"sh", (examples / "driver" / "build.sh").string()},
+                                     {{"QUOR_PREFIX", prefix().string()}});
+    ASSERT_EQ(built.status, 0) << built.out;
+    const fs::path quorc = examples / "driver" / "build" / "quorc";
+
+    const fs::path cache = scratch.path() / "cache";
+    ProcessResult ready = runProcess({quorc.string()}, freshCache(cache));
+    ASSERT_EQ(ready.status, 0) << ready.out;
+    EXPECT_EQ(ready.out.find("first start"), std::string::npos) << ready.out;
+    EXPECT_EQ(ready.out.find("building"), std::string::npos) << ready.out;
+    EXPECT_NE(ready.out.find("quorc: precompiled in " +
+                             (systemCache() / QUOR_COMPILER_VERSION / "lib").string() +
+                             " (system cache)\n"),
+              std::string::npos)
+        << ready.out;
+    EXPECT_FALSE(fs::exists(cache)) << "the system cache served, yet the user's was touched";
+
+    // A system cache named in the configuration wins over the environment's
+    // word that there is none.
+    ProcessResult named = runProcess({quorc.string(), "--system-cache", systemCache().string()},
+                                     userCacheOnly(cache));
+    ASSERT_EQ(named.status, 0) << named.out;
+    EXPECT_NE(named.out.find(" (system cache)\n"), std::string::npos) << named.out;
+    EXPECT_FALSE(fs::exists(cache));
+
+    // An edited copy of the library, fingerprinted anew.
+    const fs::path copy = scratch.path() / "edited-stdlib";
+    fs::copy(stdlib(), copy, fs::copy_options::recursive);
+    writeFile(copy / "Prelude.qr", readFile(copy / "Prelude.qr") + "\n// edited\n");
+    ProcessResult fingerprinted =
+        runProcess({tool().string(), "--quiet", "fingerprint", "--write", copy.string()});
+    ASSERT_EQ(fingerprinted.status, 0) << fingerprinted.out;
+    ProcessResult edited =
+        runProcess({quorc.string(), "--stdlib", copy.string()}, freshCache(cache));
+    ASSERT_EQ(edited.status, 0) << edited.out;
+    EXPECT_NE(edited.out.find("quorc: first start of this compiler version"), std::string::npos)
+        << edited.out;
+    EXPECT_NE(edited.out.find("quorc: precompiled in " +
+                              (cache / QUOR_COMPILER_VERSION / "lib").string() + " (user cache)\n"),
+              std::string::npos)
+        << edited.out;
+    const std::string marker = readFile(markerOf(cache));
+    EXPECT_NE(marker.find("\nfingerprint=" + readFile(copy / ".quor-stdlib-fingerprint")),
+              std::string::npos)
+        << marker;
+}
+
 // The installed tool finds the library installed beside it, with no variable
-// pointing there, and certifies the cache with the installed fingerprint.
+// pointing there, and certifies the cache with the installed fingerprint. The
+// system layer is off, so that the cache it builds is the user's.
 TEST_F(InstallTest, InstalledToolBuildsTheInstalledLibrary) {
     if (!fs::exists(tool())) {
         GTEST_SKIP() << "the tool is not part of this installation";
     }
     TemporaryDirectory scratch("installed-tool");
     const fs::path cache = scratch.path() / "cache";
-    ProcessResult run = runProcess({tool().string(), "ensure"}, freshCache(cache), scratch.path());
+    ProcessResult run =
+        runProcess({tool().string(), "ensure"}, userCacheOnly(cache), scratch.path());
     ASSERT_EQ(run.status, 0) << run.out;
     const std::string marker = readFile(markerOf(cache));
     const std::string installed = readFile(stdlib() / ".quor-stdlib-fingerprint");
     ASSERT_FALSE(installed.empty());
     EXPECT_NE(marker.find("\nfingerprint=" + installed), std::string::npos) << marker;
     EXPECT_NE(marker.find("\nversion=" QUOR_COMPILER_VERSION "\n"), std::string::npos) << marker;
+}
+
+// With its defaults the installed tool, like a compiler, finds the system
+// cache beside the installed library ready: ensure compiles nothing and
+// creates nothing in the user's cache, and status names the system layer.
+TEST_F(InstallTest, InstalledToolUsesTheSystemCache) {
+    if (!fs::exists(tool())) {
+        GTEST_SKIP() << "the tool is not part of this installation";
+    }
+    TemporaryDirectory scratch("installed-tool-system");
+    const fs::path cache = scratch.path() / "cache";
+    ProcessResult ensure =
+        runProcess({tool().string(), "--json", "ensure"}, freshCache(cache), scratch.path());
+    ASSERT_EQ(ensure.status, 0) << ensure.out;
+    EXPECT_NE(ensure.out.find("\"compiled\":0,"), std::string::npos) << ensure.out;
+    EXPECT_NE(ensure.out.find("\"layer\":\"system\""), std::string::npos) << ensure.out;
+    ProcessResult status =
+        runProcess({tool().string(), "--json", "status"}, freshCache(cache), scratch.path());
+    ASSERT_EQ(status.status, 0) << status.out;
+    EXPECT_TRUE(std::regex_search(
+        status.out, std::regex(R"("layer":\s*\{\s*"name":\s*"system",\s*"cacheRoot":\s*")" +
+                               systemCache().string() + "\"")))
+        << status.out;
+    EXPECT_FALSE(fs::exists(cache)) << "the system cache served, yet the user's was touched";
 }
 
 // The case the installed package exists for: the package is built from a
@@ -543,7 +730,8 @@ TEST(InstalledPackage, OutlivesItsSourceTree) {
     ProcessResult byHand = runShell(
         "cd '" + project.string() + "' && c++ -std=c++20 -o by-hand main.cpp PrefixedIncludes.cpp" +
         " -I'" + (include / "quor").string() + "' -I'" + include.string() + "' -L'" +
-        (prefix / libDir).string() + "' -lquor_bootstrap -lquor_services -lcrypto -pthread");
+        (prefix / libDir).string() +
+        "' -lquor_layers -lquor_bootstrap -lquor_services -lcrypto -pthread");
     ASSERT_EQ(byHand.status, 0) << byHand.out;
     expectConsumerUsesTheLibraryOf(project / "by-hand", prefix, scratch.path() / "cache-by-hand");
 

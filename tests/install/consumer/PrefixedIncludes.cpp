@@ -1,6 +1,7 @@
 // Every public header in the form that cannot collide with a consumer's own
 // "compiler/" folder: <quor/compiler/...>. main.cpp uses the other form.
 
+#include <quor/compiler/CacheLayers.h>
 #include <quor/compiler/CacheTrust.h>
 #include <quor/compiler/Compiler.h>
 #include <quor/compiler/Runtime.h>

@@ -2,8 +2,10 @@
 // would, and prints what it found, one "key=value" per line, for the
 // installation tests to check: the library the runtime picked, the cache
 // branch and whether the bootstrap wants a build. With the argument "ensure"
-// it then builds the library and prints the result.
+// it then builds the library and prints the result. With "layers" it first
+// lets the cache layers choose the cache (Quor::layers) and prints the layer.
 
+#include "compiler/CacheLayers.h"
 #include "compiler/CacheTrust.h"
 #include "compiler/Compiler.h"
 #include "compiler/Runtime.h"
@@ -21,8 +23,12 @@ bool consumerIsRequired(); // PrefixedIncludes.cpp
 int main(int argc, char** argv) {
     using namespace quor::compiler;
     const bool ensure = argc > 1 && std::string(argv[1]) == "ensure";
+    const bool layers = argc > 1 && std::string(argv[1]) == "layers";
     try {
         const Runtime& runtime = Runtime::getInstance();
+        if (layers) {
+            std::cout << "layer=" << cacheLayerName(chooseCacheLayer().inUse) << "\n";
+        }
         std::cout << "stdlib=" << runtime.getStandardLibraryPath() << "\n"
                   << "branch=" << runtime.getCacheBranchPath() << "\n"
                   << "required=" << (consumerIsRequired() ? 1 : 0) << "\n";
