@@ -220,7 +220,13 @@ CacheLayerChoice chooseCacheLayer() {
         system.problem = LayerProblem::Unreadable;
         system.reason = error.what();
     }
-    if (trusted) {
+    struct stat library {};
+    if (trusted &&
+        (::stat(systemPaths.library.c_str(), &library) != 0 || !S_ISDIR(library.st_mode))) {
+        // Without a library the identity is a fallback that names no units:
+        // the bootstrap builds nothing then, and no cache can be ready for it.
+        system.reason = "the standard library '" + systemPaths.library.native() + "' was not found";
+    } else if (trusted) {
         if (!layerReady(systemPaths, identity)) {
             system.reason = notReadyReason(systemPaths, identity);
         } else if (std::string change =

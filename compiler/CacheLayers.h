@@ -10,10 +10,11 @@
 // cache, when it can be trusted, is named to the precompiler as a source of
 // objects to adopt instead of compiling them.
 //
-// A system cache is used as it stands only when three things hold: the cache
-// trust rules vouch for it (compiler/CacheTrust.h: root's, closed to
-// others' writes, no link on its layout), the bootstrap finds its marker valid
-// for this compiler and library, and nothing in its library cache changed
+// A system cache is used as it stands only when the library exists and three
+// things hold: the cache trust rules vouch for it (compiler/CacheTrust.h:
+// root's, closed to others' writes, no link on its layout), the bootstrap
+// finds its marker valid for this compiler and library, and nothing in its
+// library cache changed
 // after the marker was written: every entry is a folder or a regular file and
 // no file is newer than the marker. The last is a test of the file system's
 // times, not of the bytes: it catches an object that was truncated, edited or

@@ -572,9 +572,10 @@ TEST_F(InstallTest, ExampleDriverMakesAFreshCacheReady) {
         << third.out;
 
     // A missing library is an error, not a silent start without one.
-    ProcessResult missing = runProcess({quorc.string(), "--no-system-cache", "--stdlib",
-                                        (scratch.path() / "no-such-library").string()},
-                                       freshCache(scratch.path() / "cache-missing"));
+    // The system cache stays on: it must not serve a library that is not there.
+    ProcessResult missing =
+        runProcess({quorc.string(), "--stdlib", (scratch.path() / "no-such-library").string()},
+                   freshCache(scratch.path() / "cache-missing"));
     EXPECT_EQ(missing.status, 1) << missing.out;
     EXPECT_NE(missing.out.find("quorc: error: Unable to enumerate Quor standard library"),
               std::string::npos)

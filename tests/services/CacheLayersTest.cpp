@@ -393,6 +393,24 @@ TEST_F(CacheLayersTest, AnObjectWhoseTimeWasSetBackIsJudgedBeforeItIsAdopted) {
     EXPECT_EQ(wholeTree(libCache(userRoot())), wholeTree(libCache(clean)));
 }
 
+TEST_F(CacheLayersTest, AMissingLibraryIsNeverServedByTheSystemCache) {
+    // Without a library the identity falls back to what the build tree
+    // records, which the system cache's marker may well name.
+    buildWithoutLayers(sampleLibrary(), systemRoot());
+    std::string recorded = readFile(fs::path(QUOR_BUILD_TREE_DIR) / "generated" /
+                                    "quor-stdlib.fingerprint");
+    recorded.resize(64);
+    std::string text = readFile(marker(systemRoot()));
+    text.replace(text.find("fingerprint=") + 12, 64, recorded);
+    writeFile(marker(systemRoot()), text);
+    configureLayers(directory_.path() / "no-such-library", userRoot(), systemRoot());
+    const CacheLayerChoice choice = chooseCacheLayer();
+    EXPECT_EQ(choice.inUse, CacheLayerKind::User);
+    ASSERT_NE(passedOverSystem(choice), nullptr);
+    EXPECT_NE(passedOverSystem(choice)->reason.find("was not found"), std::string::npos);
+    EXPECT_THROW(StandardLibraryBootstrap::ensure({}), std::runtime_error);
+}
+
 TEST_F(CacheLayersTest, ThePrecompilerAdoptsNothingFromASourceItCannotTrust) {
     // Named directly, past the layer choice: the services check it themselves.
     const Library units = sampleLibrary();
