@@ -3,11 +3,17 @@
 // has to do on any implementation: open, read and close the library's
 // fingerprint file and the readiness marker with plain system calls.
 //
+// Then the start of a fresh user served by a ready system cache: the layer
+// choice (chooseCacheLayer()) followed by isRequired(), against the floor of
+// any layered lookup: the fingerprint read, a failed open of the user's
+// marker, the system cache's marker read.
+//
 // main() builds a one-unit library in a fresh temporary directory, makes its
 // cache ready with a real ensure(), runs the benchmarks and removes the
 // directory again. The workload script reads the JSON report and turns the
 // medians into ratios; nothing here judges the figures.
 
+#include "compiler/CacheLayers.h"
 #include "compiler/CacheLayout.h"
 #include "compiler/Runtime.h"
 #include "compiler/StandardLibraryBootstrap.h"
@@ -38,6 +44,9 @@ struct ReadyCache {
     fs::path library;
     fs::path fingerprintFile;
     fs::path marker;
+    fs::path systemRoot;   // the same library built as a system cache
+    fs::path systemMarker; // its marker
+    fs::path freshUser;    // a user cache root that does not exist
 };
 
 ReadyCache& readyCache() {
@@ -86,6 +95,31 @@ void prepareReadyCache() {
     if (!fs::is_regular_file(cache.marker)) {
         throw std::runtime_error("no marker at " + cache.marker.native());
     }
+
+    cache.systemRoot = cache.directory / "system";
+    cache.freshUser = cache.directory / "home" / ".cache" / "quor";
+    configuration.cacheRoot = cache.systemRoot.native();
+    configuration.systemCacheRoot = "";
+    Runtime::getInstance().configure(configuration);
+    if (!StandardLibraryBootstrap::ensure({}).bootstrapped) {
+        throw std::runtime_error("the system cache was not built");
+    }
+    cache.systemMarker = quor::compiler::layout::markerPath(
+        cache.systemRoot.native(), QUOR_COMPILER_VERSION,
+        fs::path(Runtime::getInstance().getLibCachePath()).filename().native());
+    // Back to the user's ready cache for the first benchmarks.
+    configuration.cacheRoot = (cache.directory / "cache").native();
+    Runtime::getInstance().configure(configuration);
+}
+
+// A fresh user's runtime: no cache of their own, the system cache under it.
+void configureFreshUser() {
+    RuntimeConfiguration configuration;
+    configuration.standardLibraryPath = readyCache().library.native();
+    configuration.cacheRoot = readyCache().freshUser.native();
+    configuration.systemCacheRoot = readyCache().systemRoot.native();
+    configuration.jobs = 1;
+    Runtime::getInstance().configure(configuration);
 }
 
 // open, read, close: what reading one small file costs at least.
@@ -137,10 +171,50 @@ void BM_Ensure_Ready(benchmark::State& state) {
     }
 }
 
+// The floor of a layered lookup: the fingerprint, the user's missing marker,
+// the system cache's marker.
+void BM_Floor_LayeredLookup(benchmark::State& state) {
+    const std::string fingerprint = readyCache().fingerprintFile.native();
+    const std::string userMarker =
+        quor::compiler::layout::markerPath(readyCache().freshUser.native(), QUOR_COMPILER_VERSION,
+                                           quor::compiler::layout::libraryCacheName);
+    const std::string systemMarker = readyCache().systemMarker.native();
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(readSmallFile(fingerprint.c_str()));
+        benchmark::DoNotOptimize(readSmallFile(userMarker.c_str()));
+        benchmark::DoNotOptimize(readSmallFile(systemMarker.c_str()));
+    }
+}
+
+// What a fresh user's compiler start does before it compiles anything.
+void BM_ChooseLayerAndIsRequired_FreshUser(benchmark::State& state) {
+    configureFreshUser();
+    for (auto _ : state) {
+        const quor::compiler::CacheLayerChoice choice = quor::compiler::chooseCacheLayer();
+        if (choice.inUse != quor::compiler::CacheLayerKind::System) {
+            state.SkipWithError("the system cache was not chosen");
+            break;
+        }
+        benchmark::DoNotOptimize(StandardLibraryBootstrap::isRequired());
+    }
+}
+
+// isRequired() alone once the runtime points at the system cache.
+void BM_IsRequired_SystemLayer(benchmark::State& state) {
+    configureFreshUser();
+    quor::compiler::chooseCacheLayer();
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(StandardLibraryBootstrap::isRequired());
+    }
+}
+
 BENCHMARK(BM_Floor_TwoFileReads);
 BENCHMARK(BM_Floor_TwoFileReadsAndStat);
 BENCHMARK(BM_IsRequired_Ready);
 BENCHMARK(BM_Ensure_Ready);
+BENCHMARK(BM_Floor_LayeredLookup);
+BENCHMARK(BM_ChooseLayerAndIsRequired_FreshUser);
+BENCHMARK(BM_IsRequired_SystemLayer);
 
 } // namespace
 

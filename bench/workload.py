@@ -71,6 +71,9 @@ GOALS = {
     "1b": ("ensure() on a ready cache vs two plain file reads", "<=", 1.5),
     "2": ("quor-stdlib ensure, ready cache vs a one-line C++ program", "<=", 1.3),
     "2b": ("quor-stdlib status --check, ready cache vs the same program", "<=", 1.3),
+    "1c": ("isRequired() served by a ready system cache vs two plain file reads", "<=", 1.5),
+    "2c": ("quor-stdlib ensure, fresh user served by the shipped system cache vs the same program",
+           "<=", 1.3),
     "3": ("collection of 20,000 units vs find | xargs cat", "<=", 1.0),
     "4a": ("cold ensure of 20,000 units vs cp -r", "<=", 1.5),
     "4b": ("speed-up of 2 jobs over 1 (cold ensure, 20,000 units)", ">=", 1.7),
@@ -163,8 +166,9 @@ class Bench:
         """Reads every file of `root` once, so that timings start from a warm page cache."""
         run(f"find {shell_quote(root)} -type f -print0 | xargs -0 cat > /dev/null", shell=True)
 
-    def hyperfine_times(self, command, runs, warmup=1, prepare=None, shell=True):
-        """The wall times (seconds) of `runs` runs of `command`."""
+    def hyperfine_times(self, command, runs, warmup=1, prepare=None, shell=True, env=None):
+        """The wall times (seconds) of `runs` runs of `command`, with `env` added
+        to the environment."""
         export = os.path.join(self.work, "hyperfine.json")
         line = ["hyperfine", "--style", "none", "--runs", str(runs), "--warmup", str(warmup),
                 "--export-json", export]
@@ -173,7 +177,7 @@ class Bench:
         if prepare:
             line += ["--prepare", prepare]
         line.append(command)
-        run(line, stdout=subprocess.DEVNULL)
+        run(line, stdout=subprocess.DEVNULL, env=dict(os.environ, **(env or {})))
         with open(export) as stream:
             return json.load(stream)["results"][0]["times"]
 
@@ -191,7 +195,9 @@ class Bench:
         return self.record(name, self.hyperfine_times(command, runs, warmup, prepare, shell))
 
     def interleaved(self, commands, runs, rounds=10, warmup=20):
-        """Medians of several commands (name -> command line) measured in turns.
+        """Medians of several commands (name -> command line, or a pair of a
+        command line and the variables to add to its environment) measured in
+        turns.
 
         Each round runs every command runs/rounds times, one after the other,
         so that a change of load on a shared machine falls on all of them alike
@@ -201,9 +207,10 @@ class Bench:
         per_round = max(1, runs // rounds)
         for index in range(rounds):
             for name, command in commands.items():
+                command, env = command if isinstance(command, tuple) else (command, None)
                 times[name] += self.hyperfine_times(command, per_round,
                                                     warmup=warmup if index == 0 else 3,
-                                                    shell=False)
+                                                    shell=False, env=env)
         return {name: self.record(name, values) for name, values in times.items()}
 
     def figure(self, key, measured, baseline, ratio, detail=""):
@@ -282,6 +289,13 @@ class Bench:
         self.figure("1b", medians["BM_Ensure_Ready"], floor, medians["BM_Ensure_Ready"] / floor,
                     f"CPU time {format_seconds(cpu['BM_Ensure_Ready'])} against "
                     f"{format_seconds(cpu_floor)} ({cpu['BM_Ensure_Ready'] / cpu_floor:.2f}x)")
+        chosen = medians["BM_ChooseLayerAndIsRequired_FreshUser"]
+        layered = medians["BM_Floor_LayeredLookup"]
+        self.figure("1c", medians["BM_IsRequired_SystemLayer"], floor,
+                    medians["BM_IsRequired_SystemLayer"] / floor,
+                    f"the layer choice with it, once per start: {format_seconds(chosen)} against "
+                    f"{format_seconds(layered)} for the fingerprint and both markers read "
+                    f"({chosen / layered:.1f}x)")
 
     def figure2(self):
         log("\n[2] ready path, whole process")
@@ -292,17 +306,42 @@ class Bench:
         runs = 100 if self.quick else 300
         check = " ".join([shell_quote(self.tool), "--stdlib", shell_quote(library),
                           "--cache-root", shell_quote(cache), "status", "--check"])
+        # A fresh user served by a system cache, which the run must leave
+        # without a cache of their own: the shipped library, as the package
+        # has it, and for the detail the 1,000 units above. The system cache
+        # is built into another root with no layer under it, as the package's is.
+        shipped = os.path.join(os.path.dirname(HERE), "stdlib")
+        fresh = os.path.join(self.work, "cache-fresh-user")
+        systems = {}
+        for name, source in (("shipped", shipped), ("1000", library)):
+            systems[name] = os.path.join(self.work, f"cache-system-{name}")
+            self.cold_cache(systems[name])
+            run([self.tool, "--stdlib", source, "--cache-root", systems[name], "--quiet", "ensure"],
+                env=dict(os.environ, QUOR_SYSTEM_CACHE_DIR=""))
         medians = self.interleaved({
             "quor-stdlib ensure (ready)": self.tool_command(library, cache),
             "quor-stdlib status --check (ready)": check,
+            "quor-stdlib ensure (fresh user, system cache)":
+                (self.tool_command(shipped, fresh), {"QUOR_SYSTEM_CACHE_DIR": systems["shipped"]}),
+            "the same, 1,000-unit system cache":
+                (self.tool_command(library, fresh), {"QUOR_SYSTEM_CACHE_DIR": systems["1000"]}),
             "one-line C++ program": shell_quote(self.hello),
         }, runs)
+        if os.path.exists(fresh):
+            raise SystemExit(f"the system cache did not serve the fresh user: {fresh} was created")
         hello = medians["one-line C++ program"]
         tool = medians["quor-stdlib ensure (ready)"]
         status = medians["quor-stdlib status --check (ready)"]
+        served = medians["quor-stdlib ensure (fresh user, system cache)"]
+        large = medians["the same, 1,000-unit system cache"]
         self.figure("2", tool, hello, tool / hello)
         self.figure("2b", status, hello, status / hello)
+        self.figure("2c", served, hello, served / hello,
+                    f"the shipped library; with 1,000 units in the system cache "
+                    f"{format_seconds(large)} ({large / hello:.2f}x): one status per object")
         shutil.rmtree(cache, ignore_errors=True)
+        for system in systems.values():
+            shutil.rmtree(system, ignore_errors=True)
 
     def figure3(self):
         log("\n[3] collection (walk + header test) over 20,000 units, warm page cache")
