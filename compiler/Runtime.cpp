@@ -10,6 +10,7 @@
 #include "compiler/LibraryLocation.h"
 #include "quor/Config.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstdlib>
 #include <filesystem>
@@ -128,7 +129,17 @@ std::string Runtime::getStandardLibraryPath() const {
 }
 
 unsigned Runtime::getJobCount() const {
-    return jobCount_;
+    if (jobCount_ != 0) {
+        return jobCount_;
+    }
+    // Asked of the system only when a build wants it: it reads a file of
+    // /sys, which the ready path of every compiler start need not pay for.
+    unsigned hardware = hardwareJobCount_.load(std::memory_order_relaxed);
+    if (hardware == 0) {
+        hardware = std::max(1u, std::thread::hardware_concurrency());
+        hardwareJobCount_.store(hardware, std::memory_order_relaxed);
+    }
+    return hardware;
 }
 
 const std::string& Runtime::getCacheRoot() const {
@@ -185,15 +196,10 @@ void Runtime::resolve() {
         systemCacheRoot_ = location::defaultSystemCacheRoot();
     }
 
+    // 0: one per hardware thread, counted when first asked for.
     jobCount_ = configuration_.jobs;
     if (jobCount_ == 0) {
         jobCount_ = parseJobs(environment("QUOR_JOBS"));
-    }
-    if (jobCount_ == 0) {
-        jobCount_ = std::thread::hardware_concurrency();
-    }
-    if (jobCount_ == 0) {
-        jobCount_ = 1;
     }
 }
 

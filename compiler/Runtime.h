@@ -16,6 +16,7 @@
 #ifndef QUOR_COMPILER_RUNTIME_H
 #define QUOR_COMPILER_RUNTIME_H
 
+#include <atomic>
 #include <optional>
 #include <string>
 
@@ -96,7 +97,8 @@ private:
     std::string adoptionSource_;
     std::string cacheBranchPath_;
     std::string libCachePath_;
-    unsigned jobCount_ = 1;
+    unsigned jobCount_ = 0;                             // 0: the hardware's, see getJobCount()
+    mutable std::atomic<unsigned> hardwareJobCount_{0}; // counted on the first need
 };
 
 } // namespace quor::compiler
