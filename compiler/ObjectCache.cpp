@@ -29,11 +29,13 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <linux/fs.h>
+#include <linux/openat2.h>
 #include <mutex>
 #include <signal.h>
 #include <stdexcept>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <system_error>
 #include <unistd.h>
 #include <unordered_set>
@@ -98,13 +100,10 @@ struct FileBytes {
     std::string bytes;
 };
 
-FileBytes readRegularFile(const fs::path& path) {
+// The bytes of the file open as `fd`, when it is a regular file within the
+// limit. Leaves `fd` open.
+FileBytes readRegularDescriptor(int fd) {
     FileBytes result;
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
-    if (fd < 0) {
-        result.error = errno;
-        return result;
-    }
     struct stat status {};
     if (::fstat(fd, &status) != 0) {
         result.error = errno;
@@ -134,6 +133,15 @@ FileBytes readRegularFile(const fs::path& path) {
         }
         result.bytes.resize(used);
     }
+    return result;
+}
+
+FileBytes readRegularFile(const fs::path& path) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
+    if (fd < 0) {
+        return FileBytes{errno, {}};
+    }
+    FileBytes result = readRegularDescriptor(fd);
     ::close(fd); // read-only descriptor: nothing to lose on a failing close
     return result;
 }
@@ -244,10 +252,12 @@ std::string_view objectVerdictName(ObjectVerdict verdict) {
     return "damaged";
 }
 
-ObjectJudgement judgeObject(const fs::path& object, std::string_view unitPath,
-                            std::uint64_t sourceSize, std::string_view sourceSha256) {
+namespace {
+
+// judgeObject() for what reading the object gave.
+ObjectJudgement judgeObjectBytes(const FileBytes& file, std::string_view unitPath,
+                                 std::uint64_t sourceSize, std::string_view sourceSha256) {
     ObjectJudgement judgement;
-    const FileBytes file = readRegularFile(object);
     if (file.error == ENOENT) {
         return judgement; // Missing
     }
@@ -286,6 +296,13 @@ ObjectJudgement judgeObject(const fs::path& object, std::string_view unitPath,
     judgement.verdict = ObjectVerdict::Sound;
     judgement.bytes = file.bytes.size();
     return judgement;
+}
+
+} // namespace
+
+ObjectJudgement judgeObject(const fs::path& object, std::string_view unitPath,
+                            std::uint64_t sourceSize, std::string_view sourceSha256) {
+    return judgeObjectBytes(readRegularFile(object), unitPath, sourceSize, sourceSha256);
 }
 
 fs::path setAsideDirectory() {
@@ -545,16 +562,24 @@ struct Descriptor {
     }
 };
 
-// The regular file at `relative` below the open folder `base`, opened for
-// reading without following a link at any step and without blocking on a
-// FIFO; -1 when there is none such.
+// The file at `relative` below the open folder `base`, opened for reading
+// without following a link at any step and without blocking on a FIFO; -1
+// when there is none such. One openat2() resolves the whole path beneath
+// `base`; on a kernel without it each folder is opened in turn.
 int openBelowWithoutLinks(int base, const fs::path& relative) {
+    constexpr int fileFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    open_how how{};
+    how.flags = fileFlags;
+    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
+    const long opened = ::syscall(SYS_openat2, base, relative.c_str(), &how, sizeof how);
+    if (opened >= 0 || errno != ENOSYS) {
+        return static_cast<int>(opened);
+    }
     Descriptor folder(::dup(base));
     if (folder.fd < 0) {
         return -1;
     }
-    const fs::path parent = relative.parent_path();
-    for (const fs::path& element : parent) {
+    for (const fs::path& element : relative.parent_path()) {
         const int next =
             ::openat(folder.fd, element.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
         if (next < 0) {
@@ -563,47 +588,44 @@ int openBelowWithoutLinks(int base, const fs::path& relative) {
         ::close(folder.fd);
         folder.fd = next;
     }
-    const int file = ::openat(folder.fd, relative.filename().c_str(),
-                              O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    struct stat status {};
-    if (file >= 0 && (::fstat(file, &status) != 0 || !S_ISREG(status.st_mode) ||
-                      std::uint64_t(status.st_size) > objectReadLimit)) {
-        ::close(file);
-        return -1;
-    }
-    return file;
+    return ::openat(folder.fd, relative.filename().c_str(), fileFlags);
 }
 
-// Makes `to` hold the bytes of `from`: a clone of its blocks where the file
-// system offers one, else a copy. False when neither worked.
-bool cloneOrCopy(int from, int to) {
-    if (::ioctl(to, FICLONE, from) == 0) {
-        return true;
-    }
-    char buffer[64 * 1024];
-    for (;;) {
-        const ssize_t count = ::read(from, buffer, sizeof buffer);
-        if (count == 0) {
-            return true;
+// Whether cloning a file's blocks (FICLONE) is still worth a try: not once
+// the file systems have said that they cannot, for the rest of the process.
+std::atomic<bool> cloningWorthATry{true};
+
+// Clones `from` into a temporary beside `planned.object`, judges the clone
+// and renames it into place when it is sound. Nothing when the file systems
+// cannot clone, or when the clone is not sound.
+std::optional<std::uint64_t> adoptByCloning(const PlannedObject& planned, int from,
+                                            std::uint64_t sourceSize,
+                                            std::string_view sourceSha256) {
+    const fs::path temporary = planned.object.parent_path() /
+                               ("." + planned.object.filename().native() + temporarySuffix());
+    bool cloned = false;
+    {
+        const Descriptor to(
+            ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+        if (to.fd < 0) {
+            return std::nullopt;
         }
-        if (count < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return false;
-        }
-        ssize_t written = 0;
-        while (written < count) {
-            const ssize_t step = ::write(to, buffer + written, std::size_t(count - written));
-            if (step < 0) {
-                if (errno == EINTR) {
-                    continue;
-                }
-                return false;
-            }
-            written += step;
+        cloned = ::ioctl(to.fd, FICLONE, from) == 0;
+        if (!cloned && (errno == EOPNOTSUPP || errno == EXDEV || errno == EINVAL ||
+                        errno == ENOTTY || errno == ENOSYS)) {
+            cloningWorthATry.store(false, std::memory_order_relaxed);
         }
     }
+    if (cloned) {
+        const ObjectJudgement clone =
+            judgeObject(temporary, planned.unitPath, sourceSize, sourceSha256);
+        if (clone.verdict == ObjectVerdict::Sound &&
+            ::rename(temporary.c_str(), planned.object.c_str()) == 0) {
+            return clone.bytes;
+        }
+    }
+    ::unlink(temporary.c_str());
+    return std::nullopt;
 }
 
 } // namespace
@@ -618,27 +640,23 @@ std::optional<std::uint64_t> adoptObject(const PlannedObject& planned, int adopt
     if (from.fd < 0) {
         return std::nullopt;
     }
-    const fs::path temporary = planned.object.parent_path() /
-                               ("." + planned.object.filename().native() + temporarySuffix());
-    bool copied = false;
-    {
-        const Descriptor to(
-            ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
-        if (to.fd < 0) {
-            return std::nullopt;
+    if (cloningWorthATry.load(std::memory_order_relaxed)) {
+        if (const auto cloned = adoptByCloning(planned, from.fd, sourceSize, sourceSha256)) {
+            return cloned;
         }
-        copied = cloneOrCopy(from.fd, to.fd);
-    }
-    if (copied) {
-        const ObjectJudgement copy =
-            judgeObject(temporary, planned.unitPath, sourceSize, sourceSha256);
-        if (copy.verdict == ObjectVerdict::Sound &&
-            ::rename(temporary.c_str(), planned.object.c_str()) == 0) {
-            return copy.bytes;
+        if (cloningWorthATry.load(std::memory_order_relaxed)) {
+            return std::nullopt; // cloned, or could not be, and not sound
         }
     }
-    ::unlink(temporary.c_str());
-    return std::nullopt;
+    // A copy: the bytes read once, judged, and written as they were judged.
+    const FileBytes bytes = readRegularDescriptor(from.fd);
+    const ObjectJudgement judgement =
+        judgeObjectBytes(bytes, planned.unitPath, sourceSize, sourceSha256);
+    if (judgement.verdict != ObjectVerdict::Sound ||
+        writeFileAtomically(planned.object, bytes.bytes) != 0) {
+        return std::nullopt;
+    }
+    return judgement.bytes;
 }
 
 ObjectUpdate updateObject(const PlannedObject& planned, const fs::path& setAside, int abi,
