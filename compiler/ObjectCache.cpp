@@ -136,6 +136,10 @@ FileBytes readRegularDescriptor(int fd) {
     return result;
 }
 
+// The file at `relative` below the open folder `base`, reached through no
+// link (defined with the adoption below).
+int openBelowWithoutLinks(int base, const fs::path& relative);
+
 FileBytes readRegularFile(const fs::path& path) {
     const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
     if (fd < 0) {
@@ -357,7 +361,21 @@ LibraryCacheReport inspectLibraryCache(const std::vector<std::string>& sources) 
     const std::vector<PlannedObject> planned = planObjects(sources);
     const fs::path lib = Runtime::getInstance().getLibCachePath();
     const fs::path setAside = setAsideDirectory();
+    // The adoption source's objects are reached as a build reaches them:
+    // beneath its folder, through no link.
     const fs::path adoptionSource = Runtime::getInstance().getAdoptionSource();
+    const int adoptionFolder =
+        adoptionSource.empty()
+            ? -1
+            : ::open(adoptionSource.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    struct CloseOnExit {
+        int fd;
+        ~CloseOnExit() {
+            if (fd >= 0) {
+                ::close(fd);
+            }
+        }
+    } closeAdoptionFolder{adoptionFolder};
     const BatchLayout batch = layoutOf(lib, planned);
     report.units.reserve(planned.size());
     for (const PlannedObject& unit : planned) {
@@ -378,10 +396,17 @@ LibraryCacheReport inspectLibraryCache(const std::vector<std::string>& sources) 
                         .verdict == ObjectVerdict::Sound;
             }
             if (entry.judgement.verdict != ObjectVerdict::Sound && !entry.setAside &&
-                !adoptionSource.empty()) {
-                entry.adoptable = judgeObject(layout::objectPath(adoptionSource, unit.unitPath),
-                                              unit.unitPath, text->size(), digest)
-                                      .verdict == ObjectVerdict::Sound;
+                adoptionFolder >= 0) {
+                const int object =
+                    openBelowWithoutLinks(adoptionFolder, layout::objectPath({}, unit.unitPath));
+                const FileBytes bytes =
+                    object < 0 ? FileBytes{errno, {}} : readRegularDescriptor(object);
+                if (object >= 0) {
+                    ::close(object);
+                }
+                entry.adoptable =
+                    judgeObjectBytes(bytes, unit.unitPath, text->size(), digest).verdict ==
+                    ObjectVerdict::Sound;
             }
         }
         report.units.push_back(std::move(entry));
