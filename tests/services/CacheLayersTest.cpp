@@ -397,8 +397,8 @@ TEST_F(CacheLayersTest, AMissingLibraryIsNeverServedByTheSystemCache) {
     // Without a library the identity falls back to what the build tree
     // records, which the system cache's marker may well name.
     buildWithoutLayers(sampleLibrary(), systemRoot());
-    std::string recorded = readFile(fs::path(QUOR_BUILD_TREE_DIR) / "generated" /
-                                    "quor-stdlib.fingerprint");
+    std::string recorded =
+        readFile(fs::path(QUOR_BUILD_TREE_DIR) / "generated" / "quor-stdlib.fingerprint");
     recorded.resize(64);
     std::string text = readFile(marker(systemRoot()));
     text.replace(text.find("fingerprint=") + 12, 64, recorded);

@@ -373,8 +373,7 @@ int reportResult(const Invocation& invocation, Console& console,
 // library) leaves the answer to the bootstrap's ensure() on the usual path.
 bool readyAsItStands(const compiler::CacheLayerChoice& layers, const CachePaths& paths) {
     struct stat library {};
-    return layers.ready && ::stat(paths.library.c_str(), &library) == 0 &&
-           S_ISDIR(library.st_mode);
+    return layers.ready && ::stat(paths.library.c_str(), &library) == 0 && S_ISDIR(library.st_mode);
 }
 
 } // namespace
