@@ -126,5 +126,25 @@ TEST(KeyTool, SignAndVerifyAFile) {
     EXPECT_EQ(json::parse(refused.out)["verdict"], "unknown-key");
 }
 
+// libcrypto is loaded by the first key operation or digest, never by the
+// ready path every compiler start takes; the dynamic loader's own report
+// (LD_DEBUG) says which libraries a run opened.
+TEST(KeyTool, OnlyAKeyOperationLoadsLibcrypto) {
+    const Sandbox sandbox;
+    const fs::path& home = sandbox.path();
+    ASSERT_EQ(runTool(sandbox.arguments({"ensure"}), home).status, 0);
+    const ToolRun ready = runTool(sandbox.arguments({"ensure"}), home, {"LD_DEBUG=files"});
+    ASSERT_EQ(ready.status, 0) << ready;
+    ASSERT_NE(ready.err.find("file="), std::string::npos) << "LD_DEBUG gave no report";
+    EXPECT_EQ(ready.err.find("libcrypto"), std::string::npos) << ready.err;
+
+    const fs::path keys = home / "keys";
+    fs::create_directory(keys);
+    const ToolRun generated =
+        runTool({"key", "generate", "ci", "--dir", keys.string()}, home, {"LD_DEBUG=files"});
+    ASSERT_EQ(generated.status, 0) << generated;
+    EXPECT_NE(generated.err.find("libcrypto"), std::string::npos) << generated.err;
+}
+
 } // namespace
 } // namespace quor::tooltest
