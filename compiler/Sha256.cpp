@@ -11,11 +11,10 @@
 // of the major version the header belongs to.
 
 #include "compiler/Sha256.h"
+#include "compiler/Libcrypto.h"
 #include "compiler/ServiceError.h"
 
-#include <dlfcn.h>
 #include <openssl/evp.h>
-#include <openssl/opensslv.h>
 
 #include <cstring>
 #include <new>
@@ -25,11 +24,6 @@
 namespace quor::compiler {
 
 namespace {
-
-#define QUOR_SHA256_TEXT(value) #value
-#define QUOR_SHA256_SONAME(major) "libcrypto.so." QUOR_SHA256_TEXT(major)
-
-constexpr const char* libcryptoName = QUOR_SHA256_SONAME(OPENSSL_VERSION_MAJOR);
 
 // The entry points of libcrypto this file uses, resolved once per process.
 struct Libcrypto {
@@ -44,24 +38,15 @@ struct Libcrypto {
     std::string failure; // why the library cannot be used; empty when it can
 };
 
-// dlsym hands out an object pointer; copying its bytes into the function
-// pointer is what POSIX guarantees to work, without the cast that ISO C++
-// leaves conditionally supported.
-template <typename Function> bool resolve(void* library, const char* name, Function& function) {
-    static_assert(sizeof(Function) == sizeof(void*));
-    void* const symbol = ::dlsym(library, name);
-    std::memcpy(&function, &symbol, sizeof function);
-    return symbol != nullptr;
-}
+using openssl::resolve;
 
 Libcrypto loadLibcrypto() {
     Libcrypto crypto;
-    // Never closed: the algorithm and every context point into it.
-    void* library = ::dlopen(libcryptoName, RTLD_NOW | RTLD_LOCAL);
+    std::string reason;
+    void* library = openssl::library(&reason);
     if (library == nullptr) {
-        const char* reason = ::dlerror();
-        crypto.failure = std::string("Unable to load ") + libcryptoName +
-                         " for SHA-256: " + (reason != nullptr ? reason : "unknown error");
+        crypto.failure =
+            std::string("Unable to load ") + openssl::libraryName() + " for SHA-256: " + reason;
         return crypto;
     }
     if (!resolve(library, "EVP_MD_fetch", crypto.mdFetch) ||
@@ -71,7 +56,8 @@ Libcrypto loadLibcrypto() {
         !resolve(library, "EVP_DigestInit_ex", crypto.digestInit) ||
         !resolve(library, "EVP_DigestUpdate", crypto.digestUpdate) ||
         !resolve(library, "EVP_DigestFinal_ex", crypto.digestFinal)) {
-        crypto.failure = std::string(libcryptoName) + " lacks the SHA-256 digest functions";
+        crypto.failure =
+            std::string(openssl::libraryName()) + " lacks the SHA-256 digest functions";
         return crypto;
     }
     const EVP_MD* fetched = crypto.mdFetch(nullptr, "SHA256", nullptr);

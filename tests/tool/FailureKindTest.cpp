@@ -10,6 +10,7 @@
 
 #include "compiler/BootstrapExplanation.h"
 #include "compiler/CacheTrust.h"
+#include "compiler/PackSignature.h"
 #include "compiler/ServiceError.h"
 #include "compiler/SourceManager.h"
 
@@ -35,6 +36,7 @@ TEST(FailureKind, FollowsTheTypeNotTheWords) {
               "compile");
     EXPECT_EQ(failureKind(compiler::ServiceInternalError("/x.qr:1:1: unclosed '('")), "internal");
     EXPECT_EQ(failureKind(compiler::ReadsStopped()), "interrupted");
+    EXPECT_EQ(failureKind(compiler::signature::KeyExistsError("Refusing to use '/x'")), "io");
     EXPECT_EQ(failureKind(stdlibtool::ToolError(stdlibtool::kind::lock, "Unable to read '/x'")),
               "lock");
     // Untyped: only the bootstrap's own fixed messages are recognised.
@@ -115,7 +117,7 @@ std::vector<std::string> pieces(std::string message) {
 }
 
 constexpr const char* kTypes =
-    R"(\b(CacheIoError|UnitSourceError|ServiceInternalError|UntrustedCacheError|ReadsStopped)\b|ToolError\(\s*kind::(\w+))";
+    R"(\b(CacheIoError|UnitSourceError|ServiceInternalError|UntrustedCacheError|ReadsStopped|KeyFileError|KeyExistsError)\b|ToolError\(\s*kind::(\w+))";
 
 std::string kindOfType(const std::smatch& match) {
     if (match[2].matched)
@@ -124,7 +126,9 @@ std::string kindOfType(const std::smatch& match) {
                                                              {"UnitSourceError", "compile"},
                                                              {"ServiceInternalError", "internal"},
                                                              {"UntrustedCacheError", "untrusted"},
-                                                             {"ReadsStopped", "interrupted"}};
+                                                             {"ReadsStopped", "interrupted"},
+                                                             {"KeyFileError", "io"},
+                                                             {"KeyExistsError", "io"}};
     return kinds.at(match[1]);
 }
 

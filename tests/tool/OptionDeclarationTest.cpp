@@ -43,34 +43,38 @@ struct Sample {
 
 Sample sampleOf(const OptionValue& value) {
     return std::visit(
-        Overloaded{[](const FlagValue&) {
-                       return Sample{std::nullopt, [](const OptionValue& v, Invocation& i) {
-                                         return std::get<FlagValue>(v).field(i);
-                                     }};
-                   },
-                   [](const DirectoryValue&) {
-                       return Sample{"/a library/root", [](const OptionValue& v, Invocation& i) {
-                                         return std::get<DirectoryValue>(v).field(i) ==
-                                                "/a library/root";
-                                     }};
-                   },
-                   [](const SecondsValue&) {
-                       return Sample{"2.5", [](const OptionValue& v, Invocation& i) {
-                                         return std::get<SecondsValue>(v).field(i) == 2.5;
-                                     }};
-                   },
-                   // A leading zero, read in decimal: twelve workers, not octal ten.
-                   [](const WorkerCountValue&) {
-                       return Sample{"012", [](const OptionValue& v, Invocation& i) {
-                                         return std::get<WorkerCountValue>(v).field(i) == 12u;
-                                     }};
-                   },
-                   [](const ColorValue&) {
-                       return Sample{"always", [](const OptionValue& v, Invocation& i) {
-                                         return std::get<ColorValue>(v).field(i) ==
-                                                ColorMode::Always;
-                                     }};
-                   }},
+        Overloaded{
+            [](const FlagValue&) {
+                return Sample{std::nullopt, [](const OptionValue& v, Invocation& i) {
+                                  return std::get<FlagValue>(v).field(i);
+                              }};
+            },
+            [](const DirectoryValue&) {
+                return Sample{"/a library/root", [](const OptionValue& v, Invocation& i) {
+                                  return std::get<DirectoryValue>(v).field(i) == "/a library/root";
+                              }};
+            },
+            [](const FileValue&) {
+                return Sample{"/a key/x.secret", [](const OptionValue& v, Invocation& i) {
+                                  return std::get<FileValue>(v).field(i) == "/a key/x.secret";
+                              }};
+            },
+            [](const SecondsValue&) {
+                return Sample{"2.5", [](const OptionValue& v, Invocation& i) {
+                                  return std::get<SecondsValue>(v).field(i) == 2.5;
+                              }};
+            },
+            // A leading zero, read in decimal: twelve workers, not octal ten.
+            [](const WorkerCountValue&) {
+                return Sample{"012", [](const OptionValue& v, Invocation& i) {
+                                  return std::get<WorkerCountValue>(v).field(i) == 12u;
+                              }};
+            },
+            [](const ColorValue&) {
+                return Sample{"always", [](const OptionValue& v, Invocation& i) {
+                                  return std::get<ColorValue>(v).field(i) == ColorMode::Always;
+                              }};
+            }},
         value);
 }
 
@@ -128,6 +132,19 @@ bool declares(const Command& command, std::string_view longName) {
     return false;
 }
 
+// The words a command needs besides `option` to be a whole command line:
+// `key` wants an action and its subject, and its options each belong to one
+// action.
+std::vector<std::string> wordsFor(const Command& command, const CommandOption& option) {
+    if (command.name != "key")
+        return {};
+    if (option.longName == "--key")
+        return {"sign", "pack"};
+    if (option.longName == "--keys")
+        return {"verify", "pack"};
+    return {"generate", "ci"};
+}
+
 // QUOR_JOBS would turn `ensure` without --jobs into a usage error or keep it
 // from the quick command line; each test runs without it.
 class OptionDeclarations : public ::testing::Test {
@@ -166,6 +183,8 @@ TEST_F(OptionDeclarations, BothParsersTakeEverySpellingOfEveryOptionAlike) {
                     words.push_back(name);
                 else
                     words.insert(words.begin(), name);
+                for (const std::string& word : wordsFor(command, *option))
+                    words.push_back(word);
                 SCOPED_TRACE(joined(words));
                 BothParsers parsed = parseWithBoth(words);
                 ASSERT_EQ(parsed.full.command, &command) << parsed.fullErr;

@@ -7,6 +7,7 @@
 #include "Commands.h"
 #include "Console.h"
 
+#include "compiler/PackSignature.h"
 #include "compiler/Runtime.h"
 
 #include <algorithm>
@@ -77,12 +78,30 @@ constexpr std::array<CommandArgument, 1> fingerprintArguments = {{
      [](Invocation& i) -> std::string& { return i.fingerprint.directory; }},
 }};
 
+constexpr std::array<CommandOption, 3> keyOptions = {{
+    {"", "--dir", "generate: the folder to write NAME.secret and NAME.public in; by default here",
+     DirectoryValue{[](Invocation& i) -> std::string& { return i.key.directory; }}},
+    {"", "--key", "sign: the secret key file to sign with",
+     FileValue{[](Invocation& i) -> std::string& { return i.key.secretKey; }}},
+    {"", "--keys", "verify: the list of trusted public keys (the .public files put together)",
+     FileValue{[](Invocation& i) -> std::string& { return i.key.trustedKeys; }}},
+}};
+
+constexpr std::array<CommandArgument, 2> keyArguments = {{
+    {"action", "", "generate, sign or verify",
+     [](Invocation& i) -> std::string& { return i.key.action; }},
+    {"subject", "NAME|FILE",
+     "generate: the new key's name; sign: the file to sign (FILE.sig is written); verify: the "
+     "file whose FILE.sig is checked",
+     [](Invocation& i) -> std::string& { return i.key.subject; }},
+}};
+
 constexpr std::array<CommandArgument, 1> helpArguments = {{
     {"subcommand", "", "The subcommand to explain",
      [](Invocation& i) -> std::string& { return i.help.subcommand; }},
 }};
 
-constexpr std::array<Command, 7> table = {{
+constexpr std::array<Command, 8> table = {{
     {.name = "status",
      .summary = "Show the cache's identity, paths and readiness, and why it is not ready",
      .handler = runStatus,
@@ -109,6 +128,12 @@ constexpr std::array<Command, 7> table = {{
      .handler = runFingerprint,
      .options = fingerprintOptions,
      .arguments = fingerprintArguments},
+    {.name = "key",
+     .summary =
+         "Make a pack-signing key pair, sign a file, check its signature: key generate|sign|verify",
+     .handler = runKey,
+     .options = keyOptions,
+     .arguments = keyArguments},
     {.name = "help",
      .summary = "List the subcommands, or explain one: help [SUBCOMMAND]",
      .handler = runHelp,
@@ -119,6 +144,7 @@ constexpr std::string_view expectedSeconds = "a number of seconds, at least 0";
 constexpr std::string_view expectedJobs = "a whole number of worker threads, at least 1";
 constexpr std::string_view expectedColor = "auto, always or never";
 constexpr std::string_view expectedDirectory = "a directory";
+constexpr std::string_view expectedFile = "a file";
 
 std::string badValue(std::string_view expected, std::string_view text) {
     return "expected " + std::string(expected) + ", got '" + std::string(text) + "'";
@@ -159,6 +185,36 @@ std::optional<ColorMode> colorMode(std::string_view text) {
     return std::nullopt;
 }
 
+// What is wrong with the words and options given to `key`: each action takes
+// its subject and only its own option, and sign and verify need theirs.
+std::string keyProblem(const KeyOptions& key) {
+    const bool generate = key.action == "generate";
+    const bool signing = key.action == "sign";
+    const bool verifying = key.action == "verify";
+    if (key.action.empty())
+        return "'key' needs an action: generate, sign or verify";
+    if (!generate && !signing && !verifying)
+        return "unknown action '" + key.action + "' for 'key'; expected generate, sign or verify";
+    if (key.subject.empty())
+        return generate ? "'key generate' needs the new key's name"
+                        : "'key " + key.action + "' needs the file";
+    if (generate)
+        if (const std::string problem = compiler::signature::keyNameProblem(key.subject);
+            !problem.empty())
+            return "invalid key name '" + key.subject + "': " + problem;
+    if (!key.directory.empty() && !generate)
+        return "--dir is for 'key generate' only";
+    if (!key.secretKey.empty() && !signing)
+        return "--key is for 'key sign' only";
+    if (!key.trustedKeys.empty() && !verifying)
+        return "--keys is for 'key verify' only";
+    if (signing && key.secretKey.empty())
+        return "'key sign' needs --key NAME.secret";
+    if (verifying && key.trustedKeys.empty())
+        return "'key verify' needs --keys TRUSTED";
+    return {};
+}
+
 // Edit distance counting a swap of two neighbouring letters as one edit, so
 // that "stauts" is one step from "status".
 std::size_t editDistance(std::string_view a, std::string_view b) {
@@ -190,6 +246,7 @@ std::span<const CommandOption> globalOptions() {
 std::string_view valueTypeName(const OptionValue& value) {
     return std::visit(Overloaded{[](const FlagValue&) { return std::string_view(); },
                                  [](const DirectoryValue&) { return std::string_view("DIR"); },
+                                 [](const FileValue&) { return std::string_view("FILE"); },
                                  [](const SecondsValue&) { return std::string_view("SECONDS"); },
                                  [](const WorkerCountValue&) { return std::string_view("N"); },
                                  [](const ColorValue&) { return std::string_view("WHEN"); }},
@@ -203,6 +260,7 @@ std::string_view valueChoices(const OptionValue& value) {
 std::string_view expectedValue(const OptionValue& value) {
     return std::visit(Overloaded{[](const FlagValue&) { return std::string_view(); },
                                  [](const DirectoryValue&) { return expectedDirectory; },
+                                 [](const FileValue&) { return expectedFile; },
                                  [](const SecondsValue&) { return expectedSeconds; },
                                  [](const WorkerCountValue&) { return expectedJobs; },
                                  [](const ColorValue&) { return expectedColor; }},
@@ -213,6 +271,7 @@ std::string valueProblem(const OptionValue& value, std::string_view text) {
     const bool accepted = std::visit(
         Overloaded{[](const FlagValue&) { return true; },
                    [](const DirectoryValue&) { return true; },
+                   [](const FileValue&) { return true; },
                    [&](const SecondsValue&) { return seconds(text).has_value(); },
                    [&](const WorkerCountValue&) { return workerCount(text).has_value(); },
                    [&](const ColorValue&) { return colorMode(text).has_value(); }},
@@ -226,6 +285,7 @@ void storeValue(const OptionValue& value, Invocation& invocation, std::string_vi
                    [&](const DirectoryValue& directory) {
                        directory.field(invocation) = std::string(text);
                    },
+                   [&](const FileValue& file) { file.field(invocation) = std::string(text); },
                    [&](const SecondsValue& limit) { limit.field(invocation) = seconds(text); },
                    [&](const WorkerCountValue& jobs) {
                        jobs.field(invocation) = workerCount(text).value_or(0);
@@ -239,6 +299,8 @@ void storeValue(const OptionValue& value, Invocation& invocation, std::string_vi
 std::string invocationProblem(const Command& command, const Invocation& invocation) {
     if (invocation.global.quiet && invocation.ensure.verbose)
         return "--verbose and --quiet cannot be used together";
+    if (command.name == "key")
+        return keyProblem(invocation.key);
     // QUOR_JOBS is read by the runtime, which takes anything it cannot use for
     // "unset". When it would be used, that is by `ensure` without --jobs, a
     // value that is not a worker count is refused as --jobs refuses it. Empty

@@ -85,6 +85,16 @@ struct FingerprintOptions {
     bool operator==(const FingerprintOptions&) const = default;
 };
 
+struct KeyOptions {
+    std::string action;      // generate, sign or verify
+    std::string subject;     // generate: the key's name; sign, verify: the file signed
+    std::string directory;   // --dir: where generate writes the key files; empty: here
+    std::string secretKey;   // --key: the secret key file sign uses
+    std::string trustedKeys; // --keys: the trusted-key list verify reads
+
+    bool operator==(const KeyOptions&) const = default;
+};
+
 struct HelpOptions {
     std::string subcommand; // the subcommand to explain; empty: list them all
 
@@ -99,6 +109,7 @@ struct Invocation {
     PruneOptions prune;
     CleanOptions clean;
     FingerprintOptions fingerprint;
+    KeyOptions key;
     HelpOptions help;
     std::string helpText; // what `help` prints; the full parser renders it
 
@@ -116,6 +127,9 @@ struct FlagValue {
 struct DirectoryValue {
     std::string& (*field)(Invocation&); // DIR: taken as it is; completed as a folder
 };
+struct FileValue {
+    std::string& (*field)(Invocation&); // FILE: taken as it is; completed as a file
+};
 struct SecondsValue {
     std::optional<double>& (*field)(Invocation&); // SECONDS: a number, at least 0
 };
@@ -126,7 +140,7 @@ struct ColorValue {
     ColorMode& (*field)(Invocation&); // WHEN: auto, always or never
 };
 using OptionValue =
-    std::variant<FlagValue, DirectoryValue, SecondsValue, WorkerCountValue, ColorValue>;
+    std::variant<FlagValue, DirectoryValue, FileValue, SecondsValue, WorkerCountValue, ColorValue>;
 
 // One option as its command declares it.
 struct CommandOption {
@@ -136,7 +150,7 @@ struct CommandOption {
     OptionValue value;
 };
 
-// A word after the subcommand that is not an option. At most one per command.
+// A word after the subcommand that is not an option, in the order given.
 struct CommandArgument {
     std::string_view name;     // as the help shows it
     std::string_view typeName; // "DIR" when it names a folder; "" leaves the parser's own
@@ -214,6 +228,7 @@ int runPrune(const Invocation& invocation, Console& console);
 int runVerify(const Invocation& invocation, Console& console);
 int runClean(const Invocation& invocation, Console& console);
 int runFingerprint(const Invocation& invocation, Console& console);
+int runKey(const Invocation& invocation, Console& console);
 int runHelp(const Invocation& invocation, Console& console);
 
 // Sets the Runtime's library path, cache root and jobs from the invocation,
