@@ -43,34 +43,39 @@ struct Sample {
 
 Sample sampleOf(const OptionValue& value) {
     return std::visit(
-        Overloaded{[](const FlagValue&) {
-                       return Sample{std::nullopt, [](const OptionValue& v, Invocation& i) {
-                                         return std::get<FlagValue>(v).field(i);
-                                     }};
-                   },
-                   [](const DirectoryValue&) {
-                       return Sample{"/a library/root", [](const OptionValue& v, Invocation& i) {
-                                         return std::get<DirectoryValue>(v).field(i) ==
-                                                "/a library/root";
-                                     }};
-                   },
-                   [](const SecondsValue&) {
-                       return Sample{"2.5", [](const OptionValue& v, Invocation& i) {
-                                         return std::get<SecondsValue>(v).field(i) == 2.5;
-                                     }};
-                   },
-                   // A leading zero, read in decimal: twelve workers, not octal ten.
-                   [](const WorkerCountValue&) {
-                       return Sample{"012", [](const OptionValue& v, Invocation& i) {
-                                         return std::get<WorkerCountValue>(v).field(i) == 12u;
-                                     }};
-                   },
-                   [](const ColorValue&) {
-                       return Sample{"always", [](const OptionValue& v, Invocation& i) {
-                                         return std::get<ColorValue>(v).field(i) ==
-                                                ColorMode::Always;
-                                     }};
-                   }},
+        Overloaded{
+            [](const FlagValue&) {
+                return Sample{std::nullopt, [](const OptionValue& v, Invocation& i) {
+                                  return std::get<FlagValue>(v).field(i);
+                              }};
+            },
+            [](const DirectoryValue&) {
+                return Sample{"/a library/root", [](const OptionValue& v, Invocation& i) {
+                                  return std::get<DirectoryValue>(v).field(i) == "/a library/root";
+                              }};
+            },
+            [](const FileValue&) {
+                return Sample{"/a folder/library.qpack", [](const OptionValue& v, Invocation& i) {
+                                  return std::get<FileValue>(v).field(i) ==
+                                         "/a folder/library.qpack";
+                              }};
+            },
+            [](const SecondsValue&) {
+                return Sample{"2.5", [](const OptionValue& v, Invocation& i) {
+                                  return std::get<SecondsValue>(v).field(i) == 2.5;
+                              }};
+            },
+            // A leading zero, read in decimal: twelve workers, not octal ten.
+            [](const WorkerCountValue&) {
+                return Sample{"012", [](const OptionValue& v, Invocation& i) {
+                                  return std::get<WorkerCountValue>(v).field(i) == 12u;
+                              }};
+            },
+            [](const ColorValue&) {
+                return Sample{"always", [](const OptionValue& v, Invocation& i) {
+                                  return std::get<ColorValue>(v).field(i) == ColorMode::Always;
+                              }};
+            }},
         value);
 }
 

@@ -77,12 +77,17 @@ constexpr std::array<CommandArgument, 1> fingerprintArguments = {{
      [](Invocation& i) -> std::string& { return i.fingerprint.directory; }},
 }};
 
+constexpr std::array<CommandOption, 1> packOptions = {{
+    {"-o", "--output", "Write the pack to FILE instead of <fingerprint>.qpack in this folder",
+     FileValue{[](Invocation& i) -> std::string& { return i.pack.output; }}},
+}};
+
 constexpr std::array<CommandArgument, 1> helpArguments = {{
     {"subcommand", "", "The subcommand to explain",
      [](Invocation& i) -> std::string& { return i.help.subcommand; }},
 }};
 
-constexpr std::array<Command, 7> table = {{
+constexpr std::array<Command, 8> table = {{
     {.name = "status",
      .summary = "Show the cache's identity, paths and readiness, and why it is not ready",
      .handler = runStatus,
@@ -109,6 +114,10 @@ constexpr std::array<Command, 7> table = {{
      .handler = runFingerprint,
      .options = fingerprintOptions,
      .arguments = fingerprintArguments},
+    {.name = "pack",
+     .summary = "Write the ready library cache in use as one pack file, for other machines",
+     .handler = runPack,
+     .options = packOptions},
     {.name = "help",
      .summary = "List the subcommands, or explain one: help [SUBCOMMAND]",
      .handler = runHelp,
@@ -119,6 +128,7 @@ constexpr std::string_view expectedSeconds = "a number of seconds, at least 0";
 constexpr std::string_view expectedJobs = "a whole number of worker threads, at least 1";
 constexpr std::string_view expectedColor = "auto, always or never";
 constexpr std::string_view expectedDirectory = "a directory";
+constexpr std::string_view expectedFile = "a file name";
 
 std::string badValue(std::string_view expected, std::string_view text) {
     return "expected " + std::string(expected) + ", got '" + std::string(text) + "'";
@@ -190,6 +200,7 @@ std::span<const CommandOption> globalOptions() {
 std::string_view valueTypeName(const OptionValue& value) {
     return std::visit(Overloaded{[](const FlagValue&) { return std::string_view(); },
                                  [](const DirectoryValue&) { return std::string_view("DIR"); },
+                                 [](const FileValue&) { return std::string_view("FILE"); },
                                  [](const SecondsValue&) { return std::string_view("SECONDS"); },
                                  [](const WorkerCountValue&) { return std::string_view("N"); },
                                  [](const ColorValue&) { return std::string_view("WHEN"); }},
@@ -203,6 +214,7 @@ std::string_view valueChoices(const OptionValue& value) {
 std::string_view expectedValue(const OptionValue& value) {
     return std::visit(Overloaded{[](const FlagValue&) { return std::string_view(); },
                                  [](const DirectoryValue&) { return expectedDirectory; },
+                                 [](const FileValue&) { return expectedFile; },
                                  [](const SecondsValue&) { return expectedSeconds; },
                                  [](const WorkerCountValue&) { return expectedJobs; },
                                  [](const ColorValue&) { return expectedColor; }},
@@ -213,6 +225,7 @@ std::string valueProblem(const OptionValue& value, std::string_view text) {
     const bool accepted = std::visit(
         Overloaded{[](const FlagValue&) { return true; },
                    [](const DirectoryValue&) { return true; },
+                   [&](const FileValue&) { return !text.empty(); },
                    [&](const SecondsValue&) { return seconds(text).has_value(); },
                    [&](const WorkerCountValue&) { return workerCount(text).has_value(); },
                    [&](const ColorValue&) { return colorMode(text).has_value(); }},
@@ -226,6 +239,7 @@ void storeValue(const OptionValue& value, Invocation& invocation, std::string_vi
                    [&](const DirectoryValue& directory) {
                        directory.field(invocation) = std::string(text);
                    },
+                   [&](const FileValue& file) { file.field(invocation) = std::string(text); },
                    [&](const SecondsValue& limit) { limit.field(invocation) = seconds(text); },
                    [&](const WorkerCountValue& jobs) {
                        jobs.field(invocation) = workerCount(text).value_or(0);

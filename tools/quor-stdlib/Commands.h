@@ -85,6 +85,12 @@ struct FingerprintOptions {
     bool operator==(const FingerprintOptions&) const = default;
 };
 
+struct PackOptions {
+    std::string output; // --output: the pack file; empty: <fingerprint>.qpack here
+
+    bool operator==(const PackOptions&) const = default;
+};
+
 struct HelpOptions {
     std::string subcommand; // the subcommand to explain; empty: list them all
 
@@ -99,6 +105,7 @@ struct Invocation {
     PruneOptions prune;
     CleanOptions clean;
     FingerprintOptions fingerprint;
+    PackOptions pack;
     HelpOptions help;
     std::string helpText; // what `help` prints; the full parser renders it
 
@@ -116,6 +123,9 @@ struct FlagValue {
 struct DirectoryValue {
     std::string& (*field)(Invocation&); // DIR: taken as it is; completed as a folder
 };
+struct FileValue {
+    std::string& (*field)(Invocation&); // FILE: taken as it is; completed as a file
+};
 struct SecondsValue {
     std::optional<double>& (*field)(Invocation&); // SECONDS: a number, at least 0
 };
@@ -126,7 +136,7 @@ struct ColorValue {
     ColorMode& (*field)(Invocation&); // WHEN: auto, always or never
 };
 using OptionValue =
-    std::variant<FlagValue, DirectoryValue, SecondsValue, WorkerCountValue, ColorValue>;
+    std::variant<FlagValue, DirectoryValue, FileValue, SecondsValue, WorkerCountValue, ColorValue>;
 
 // One option as its command declares it.
 struct CommandOption {
@@ -214,6 +224,7 @@ int runPrune(const Invocation& invocation, Console& console);
 int runVerify(const Invocation& invocation, Console& console);
 int runClean(const Invocation& invocation, Console& console);
 int runFingerprint(const Invocation& invocation, Console& console);
+int runPack(const Invocation& invocation, Console& console);
 int runHelp(const Invocation& invocation, Console& console);
 
 // Sets the Runtime's library path, cache root and jobs from the invocation,
