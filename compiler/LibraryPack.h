@@ -24,6 +24,12 @@
 // time, host, user or file-system order is recorded, so two builds of the same
 // library give the same pack.
 //
+// The objects are stored as they are, not compressed: they are text and zstd
+// would make a pack about a third of its size (docs/performance.md), but the
+// compressed bytes are those of the compressor's version, and a pack's bytes,
+// like its signed text, are to depend on nothing but the library and the
+// compiler. A transport may compress the file; the pack itself does not.
+//
 // The reader takes hostile input: every size is bounded and checked against
 // the bytes actually there before anything is allocated for it, and a refusal
 // is a reason, never an exception.
