@@ -282,8 +282,17 @@ ObjectJudgement judgeObjectBytes(const FileBytes& file, std::string_view unitPat
         judgement.problem = "unreadable: " + systemMessage(file.error);
         return judgement;
     }
+    return judgeObjectText(file.bytes, unitPath, sourceSize, sourceSha256);
+}
+
+} // namespace
+
+ObjectJudgement judgeObjectText(std::string_view bytes, std::string_view unitPath,
+                                std::uint64_t sourceSize, std::string_view sourceSha256) {
+    ObjectJudgement judgement;
+    judgement.verdict = ObjectVerdict::Damaged;
     objectformat::Head head;
-    if (std::string problem = objectformat::readHead(file.bytes, head); !problem.empty()) {
+    if (std::string problem = objectformat::readHead(bytes, head); !problem.empty()) {
         judgement.problem = std::move(problem);
         return judgement;
     }
@@ -298,15 +307,19 @@ ObjectJudgement judgeObjectBytes(const FileBytes& file, std::string_view unitPat
         return judgement;
     }
     judgement.verdict = ObjectVerdict::Sound;
-    judgement.bytes = file.bytes.size();
+    judgement.bytes = bytes.size();
     return judgement;
 }
 
-} // namespace
-
 ObjectJudgement judgeObject(const fs::path& object, std::string_view unitPath,
-                            std::uint64_t sourceSize, std::string_view sourceSha256) {
-    return judgeObjectBytes(readRegularFile(object), unitPath, sourceSize, sourceSha256);
+                            std::uint64_t sourceSize, std::string_view sourceSha256,
+                            std::string* judged) {
+    FileBytes file = readRegularFile(object);
+    ObjectJudgement judgement = judgeObjectBytes(file, unitPath, sourceSize, sourceSha256);
+    if (judged != nullptr) {
+        *judged = judgement.verdict == ObjectVerdict::Sound ? std::move(file.bytes) : std::string();
+    }
+    return judgement;
 }
 
 fs::path setAsideDirectory() {

@@ -64,8 +64,17 @@ struct ObjectJudgement {
 // `sourceSha256` (lower-case hexadecimal). A symbolic link is never followed
 // and a FIFO or device never blocks; both are Damaged. Never throws for file
 // trouble. Safe from any thread.
+// When `judged` is given, it receives the bytes that were judged for a Sound
+// object (and is emptied otherwise), so that a caller who goes on to use the
+// object uses what was judged, not what the file holds a moment later.
 ObjectJudgement judgeObject(const std::filesystem::path& object, std::string_view unitPath,
-                            std::uint64_t sourceSize, std::string_view sourceSha256);
+                            std::uint64_t sourceSize, std::string_view sourceSha256,
+                            std::string* judged = nullptr);
+
+// judgeObject() for an object's bytes already in memory (a pack's, say): the
+// same rules, less those about the file (Missing, links, special files).
+ObjectJudgement judgeObjectText(std::string_view bytes, std::string_view unitPath,
+                                std::uint64_t sourceSize, std::string_view sourceSha256);
 
 // Where a build sets aside the sound objects it displaces, for the configured
 // Runtime: layout::setAsideDirectoryPath() of its cache branch. Its entries are named for the unit

@@ -21,7 +21,7 @@ cd "$(dirname "$0")/.."
 seconds=${1:?usage: fuzz/run-fuzzers.sh SECONDS [TARGET...]}
 shift
 targets=("$@")
-[ ${#targets[@]} -gt 0 ] || targets=(marker fingerprint version type_header tokenizer)
+[ ${#targets[@]} -gt 0 ] || targets=(marker fingerprint version type_header tokenizer pack)
 
 build=${QUOR_FUZZ_BUILD_DIR:-build-fuzz}
 compiler=${CXX_FUZZ:-}

@@ -16,6 +16,15 @@ namespace {
 
 using nlohmann::json;
 
+// The names in `folder`, sorted.
+std::vector<std::string> namesOf(const fs::path& folder) {
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(folder))
+        names.push_back(entry.path().filename().native());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
 class ToolLayers : public ::testing::Test {
 protected:
     ToolLayers() {
@@ -156,6 +165,40 @@ TEST_F(ToolLayers, CleanAndPruneRefuseTheSystemCacheForAUser) {
         EXPECT_EQ(own.status, 0) << own;
     }
     EXPECT_EQ(testsupport::wholeTree(system()), systemBefore);
+}
+
+TEST_F(ToolLayers, PackWritesTheSystemCacheInUse) {
+    // The fresh user's own cache is not ready: the pack is of the system cache.
+    const fs::path output = home() / "library.qpack";
+    const ToolRun run = runAsNobody({"--json", "pack", "--output", output.native()});
+    ASSERT_EQ(run.status, 0) << run;
+    const json report = json::parse(run.out);
+    EXPECT_EQ(report["layer"], "system");
+    EXPECT_EQ(report["units"], Sandbox::compilableUnits);
+    EXPECT_EQ(fs::path(std::string(report["libraryCache"])), system() / "0.1.6" / "lib");
+    // The same bytes root packs from the system cache directly.
+    const fs::path direct = sandbox_.path() / "direct.qpack";
+    const ToolRun root = runTool({"--stdlib", sandbox_.library().native(), "--cache-root",
+                                  system().native(), "pack", "-o", direct.native()},
+                                 sandbox_.path(), {"QUOR_SYSTEM_CACHE_DIR="});
+    ASSERT_EQ(root.status, 0) << root;
+    EXPECT_EQ(testsupport::readFile(output), testsupport::readFile(direct));
+}
+
+TEST_F(ToolLayers, PackLeavesNoFileBehindInAFolderItMayNotWrite) {
+    // The sandbox is root's and closed to others' writes; a pack already there
+    // stays as it was.
+    const fs::path output = sandbox_.path() / "library.qpack";
+    testsupport::writeFile(output, "an older pack\n");
+    const auto before = namesOf(sandbox_.path());
+    const ToolRun run = runAsNobody({"pack", "--output", output.native()});
+    EXPECT_EQ(run.status, 1);
+    EXPECT_NE(run.err.find("Unable to write Quor library pack '" + output.native() +
+                           "': Permission denied"),
+              std::string::npos)
+        << run.err;
+    EXPECT_EQ(namesOf(sandbox_.path()), before);
+    EXPECT_EQ(testsupport::readFile(output), "an older pack\n");
 }
 
 } // namespace

@@ -96,12 +96,17 @@ constexpr std::array<CommandArgument, 2> keyArguments = {{
      [](Invocation& i) -> std::string& { return i.key.subject; }},
 }};
 
+constexpr std::array<CommandOption, 1> packOptions = {{
+    {"-o", "--output", "Write the pack to FILE instead of <fingerprint>.qpack in this folder",
+     FileValue{[](Invocation& i) -> std::string& { return i.pack.output; }}},
+}};
+
 constexpr std::array<CommandArgument, 1> helpArguments = {{
     {"subcommand", "", "The subcommand to explain",
      [](Invocation& i) -> std::string& { return i.help.subcommand; }},
 }};
 
-constexpr std::array<Command, 8> table = {{
+constexpr std::array<Command, 9> table = {{
     {.name = "status",
      .summary = "Show the cache's identity, paths and readiness, and why it is not ready",
      .handler = runStatus,
@@ -134,6 +139,10 @@ constexpr std::array<Command, 8> table = {{
      .handler = runKey,
      .options = keyOptions,
      .arguments = keyArguments},
+    {.name = "pack",
+     .summary = "Write the ready library cache in use as one pack file, for other machines",
+     .handler = runPack,
+     .options = packOptions},
     {.name = "help",
      .summary = "List the subcommands, or explain one: help [SUBCOMMAND]",
      .handler = runHelp,
@@ -144,7 +153,7 @@ constexpr std::string_view expectedSeconds = "a number of seconds, at least 0";
 constexpr std::string_view expectedJobs = "a whole number of worker threads, at least 1";
 constexpr std::string_view expectedColor = "auto, always or never";
 constexpr std::string_view expectedDirectory = "a directory";
-constexpr std::string_view expectedFile = "a file";
+constexpr std::string_view expectedFile = "a file name";
 
 std::string badValue(std::string_view expected, std::string_view text) {
     return "expected " + std::string(expected) + ", got '" + std::string(text) + "'";
@@ -271,7 +280,7 @@ std::string valueProblem(const OptionValue& value, std::string_view text) {
     const bool accepted = std::visit(
         Overloaded{[](const FlagValue&) { return true; },
                    [](const DirectoryValue&) { return true; },
-                   [](const FileValue&) { return true; },
+                   [&](const FileValue&) { return !text.empty(); },
                    [&](const SecondsValue&) { return seconds(text).has_value(); },
                    [&](const WorkerCountValue&) { return workerCount(text).has_value(); },
                    [&](const ColorValue&) { return colorMode(text).has_value(); }},

@@ -95,6 +95,12 @@ struct KeyOptions {
     bool operator==(const KeyOptions&) const = default;
 };
 
+struct PackOptions {
+    std::string output; // --output: the pack file; empty: <fingerprint>.qpack here
+
+    bool operator==(const PackOptions&) const = default;
+};
+
 struct HelpOptions {
     std::string subcommand; // the subcommand to explain; empty: list them all
 
@@ -110,6 +116,7 @@ struct Invocation {
     CleanOptions clean;
     FingerprintOptions fingerprint;
     KeyOptions key;
+    PackOptions pack;
     HelpOptions help;
     std::string helpText; // what `help` prints; the full parser renders it
 
@@ -229,6 +236,7 @@ int runVerify(const Invocation& invocation, Console& console);
 int runClean(const Invocation& invocation, Console& console);
 int runFingerprint(const Invocation& invocation, Console& console);
 int runKey(const Invocation& invocation, Console& console);
+int runPack(const Invocation& invocation, Console& console);
 int runHelp(const Invocation& invocation, Console& console);
 
 // Sets the Runtime's library path, cache root and jobs from the invocation,

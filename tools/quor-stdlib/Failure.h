@@ -25,7 +25,7 @@ namespace quor::stdlibtool {
 class Console;
 
 // The kinds a failure can have: "timeout", "lock", "untrusted", "io",
-// "compile", "interrupted", "usage" or "internal" (docs/json.md).
+// "compile", "interrupted", "not-ready", "usage" or "internal" (docs/json.md).
 namespace kind {
 inline constexpr std::string_view timeout = "timeout";
 inline constexpr std::string_view lock = "lock";
@@ -33,6 +33,10 @@ inline constexpr std::string_view untrusted = "untrusted";
 inline constexpr std::string_view io = "io";
 inline constexpr std::string_view compile = "compile";
 inline constexpr std::string_view interrupted = "interrupted";
+// The cache is not in a state the command can use as it stands (`pack` on a
+// cache that is not ready or holds objects that are not sound); the message
+// says which `ensure` makes it so.
+inline constexpr std::string_view notReady = "not-ready";
 inline constexpr std::string_view usage = "usage";
 inline constexpr std::string_view internal = "internal";
 } // namespace kind
