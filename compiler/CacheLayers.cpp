@@ -185,7 +185,6 @@ std::string libraryCacheChangeSinceMarker(const fs::path& libraryCache, const fs
 CacheLayerChoice chooseCacheLayer() {
     Runtime& runtime = Runtime::getInstance();
     const std::string userRoot = runtime.getUserCacheRoot();
-    const std::string systemRoot = runtime.getSystemCacheRoot();
     runtime.useCacheRoot(userRoot);
     runtime.setAdoptionSource({});
 
@@ -195,7 +194,11 @@ CacheLayerChoice chooseCacheLayer() {
     const explain::Identity identity = explain::currentIdentity();
     const explain::FirstLaunchPaths userPaths = explain::currentPaths();
     choice.ready = layerReady(userPaths, identity);
-    if (choice.ready || systemRoot.empty() || sameDirectory(userRoot, systemRoot)) {
+    if (choice.ready) {
+        return choice; // the system cache is not even looked for
+    }
+    const std::string systemRoot = runtime.getSystemCacheRoot();
+    if (systemRoot.empty() || sameDirectory(userRoot, systemRoot)) {
         return choice;
     }
     choice.passedOver.push_back({CacheLayerKind::User, userRoot, LayerProblem::NotReady,

@@ -151,6 +151,13 @@ const std::string& Runtime::getUserCacheRoot() const {
 }
 
 const std::string& Runtime::getSystemCacheRoot() const {
+    // The installation's default is found on the file system, which a start
+    // served by the user's own cache never needs: it is looked for on the
+    // first call, not by every configure().
+    if (!systemCacheRootResolved_) {
+        systemCacheRoot_ = location::defaultSystemCacheRoot();
+        systemCacheRootResolved_ = true;
+    }
     return systemCacheRoot_;
 }
 
@@ -188,12 +195,14 @@ void Runtime::resolve() {
     adoptionSource_.clear();
 
     // Unlike the others, an empty value here is an answer: no system layer.
+    systemCacheRootResolved_ = true;
     if (configuration_.systemCacheRoot) {
         systemCacheRoot_ = *configuration_.systemCacheRoot;
     } else if (const char* system = std::getenv("QUOR_SYSTEM_CACHE_DIR"); system != nullptr) {
         systemCacheRoot_ = system;
     } else {
-        systemCacheRoot_ = location::defaultSystemCacheRoot();
+        systemCacheRoot_.clear();
+        systemCacheRootResolved_ = false; // the default: see getSystemCacheRoot()
     }
 
     // 0: one per hardware thread, counted when first asked for.

@@ -66,7 +66,9 @@ public:
     const std::string& getUserCacheRoot() const;
 
     // The system cache root as the settings resolve it; empty when the system
-    // layer is off. Whether anything is there is not checked.
+    // layer is off. Whether anything is there is not checked. The first call
+    // after configure() may look for the installation's default; same
+    // threading rule as configure() for that call.
     const std::string& getSystemCacheRoot() const;
 
     // Points getCacheRoot(), getCacheBranchPath() and getLibCachePath() at
@@ -92,7 +94,8 @@ private:
     RuntimeConfiguration configuration_;
     std::string standardLibraryPath_;
     std::string userCacheRoot_;
-    std::string systemCacheRoot_;
+    mutable std::string systemCacheRoot_;
+    mutable bool systemCacheRootResolved_ = false; // false: the default, not looked for yet
     std::string cacheRoot_;
     std::string adoptionSource_;
     std::string cacheBranchPath_;

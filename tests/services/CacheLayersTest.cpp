@@ -36,17 +36,6 @@ using quor::compiler::SourceManager;
 using quor::compiler::StandardLibraryBootstrap;
 using namespace quor::test;
 
-using Library = std::map<std::string, std::string>;
-
-std::string unitText(const std::string& path, const std::string& extra = "") {
-    const fs::path unit(path);
-    std::string package = unit.parent_path().generic_string();
-    std::replace(package.begin(), package.end(), '/', '.');
-    return (package.empty() ? "" : "package " + package + "\n") + "public struct " +
-           unit.stem().native() + " { }\n" + "public fn make" + unit.stem().native() +
-           "() -> Int { return 1 }\n" + extra;
-}
-
 Library sampleLibrary() {
     Library library;
     for (const char* path : {"Prelude.qr", "core/Int.qr", "core/Text.qr", "collections/List.qr",
@@ -90,23 +79,11 @@ public:
         return root / ".first-launch" / QUOR_COMPILER_VERSION / "lib" / ".quor-stdlib-ready";
     }
 
-    static void materialise(const fs::path& root, const Library& units) {
-        fs::remove_all(root);
-        std::string all;
-        for (const auto& [path, text] : units) {
-            writeFile(root / path, text);
-            all += path + '\0' + text + '\0';
-        }
-        writeFile(root / ".quor-stdlib-fingerprint", Sha256::hex(all) + "\n");
-        fs::permissions(root, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
-                                  fs::perms::others_read | fs::perms::others_exec);
-    }
-
     // Builds `units` into `cacheRoot` with no system layer, as the package's
     // build does, and leaves out the build lock, which a read-only cache
     // never takes.
     void buildWithoutLayers(const Library& units, const fs::path& cacheRoot) {
-        materialise(library(), units);
+        materialiseLibrary(library(), units);
         SourceManager::instance().clear();
         RuntimeConfiguration configuration{library().native(), cacheRoot.native(), 2};
         configuration.systemCacheRoot = "";
@@ -237,7 +214,7 @@ TEST_F(CacheLayersTest, AnEditedAndAnAddedUnitAreTheOnlyOnesCompiledAndTheRestIs
     const auto systemBefore = treeWithTimes(systemRoot());
     units["core/Text.qr"] += "public fn edited() -> Int { return 2 }\n";
     units["core/Added.qr"] = unitText("core/Added.qr");
-    materialise(library(), units);
+    materialiseLibrary(library(), units);
 
     const Build build = startCompiler();
     EXPECT_EQ(build.choice.inUse, CacheLayerKind::User);
@@ -278,7 +255,7 @@ TEST_P(SpoiledSystemCache, IsNeverUsedAsItStandsAndLendsNoUnsoundObject) {
     const std::string object = someObject();
     ASSERT_FALSE(object.empty());
     GetParam().apply(*this, systemRoot(), object);
-    materialise(library(), units);
+    materialiseLibrary(library(), units);
 
     const Build build = startCompiler();
     EXPECT_EQ(build.choice.inUse, CacheLayerKind::User);
@@ -383,7 +360,7 @@ TEST_F(CacheLayersTest, AnObjectWhoseTimeWasSetBackIsJudgedBeforeItIsAdopted) {
     const struct timespec times[2] = {before.st_atim, before.st_mtim};
     ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
     units["Prelude.qr"] += "public fn edited() -> Int { return 2 }\n";
-    materialise(library(), units);
+    materialiseLibrary(library(), units);
 
     const Build build = startCompiler();
     EXPECT_EQ(build.choice.inUse, CacheLayerKind::User);
@@ -416,7 +393,7 @@ TEST_F(CacheLayersTest, ThePrecompilerAdoptsNothingFromASourceItCannotTrust) {
     const Library units = sampleLibrary();
     buildWithoutLayers(units, systemRoot());
     ::chmod(libCache(systemRoot()).c_str(), 0777);
-    materialise(library(), units);
+    materialiseLibrary(library(), units);
     configureLayers(library(), userRoot(), "");
     Runtime::getInstance().setAdoptionSource(libCache(systemRoot()).native());
     BuildSession session;

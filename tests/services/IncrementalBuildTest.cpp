@@ -31,18 +31,6 @@ using quor::compiler::StandardLibraryBootstrapProgress;
 using quor::compiler::StandardLibraryBootstrapStage;
 using namespace quor::test;
 
-// A standard library as unit path -> text.
-using Library = std::map<std::string, std::string>;
-
-std::string unitText(const std::string& path, const std::string& extra = "") {
-    const fs::path unit(path);
-    std::string package = unit.parent_path().generic_string();
-    std::replace(package.begin(), package.end(), '/', '.');
-    return (package.empty() ? "" : "package " + package + "\n") + "public struct " +
-           unit.stem().native() + " { }\n" + "public fn make" + unit.stem().native() +
-           "() -> Int { return 1 }\n" + extra;
-}
-
 Library sampleLibrary() {
     Library library;
     for (const char* path :
@@ -62,17 +50,6 @@ protected:
     fs::path cacheRoot() const { return directory_.path() / "cache"; }
     fs::path libCache(const fs::path& root) const { return root / QUOR_COMPILER_VERSION / "lib"; }
 
-    // Replaces the library tree with `library` and a fingerprint of its own.
-    static void materialise(const fs::path& root, const Library& library) {
-        fs::remove_all(root);
-        std::string all;
-        for (const auto& [path, text] : library) {
-            writeFile(root / path, text);
-            all += path + '\0' + text + '\0';
-        }
-        writeFile(root / ".quor-stdlib-fingerprint", Sha256::hex(all) + "\n");
-    }
-
     struct Outcome {
         bool bootstrapped = false;
         PrecompileSummary summary;
@@ -82,7 +59,7 @@ protected:
     // Makes `library` ready in `cache` through the bootstrap. `stopAfter`
     // reports into the build, the progress callback throws, as a Ctrl-C would.
     Outcome build(const Library& library, const fs::path& cache, std::size_t stopAfter = 0) {
-        materialise(libraryRoot(), library);
+        materialiseLibrary(libraryRoot(), library);
         SourceManager::instance().clear();
         ScopedRuntime runtime({libraryRoot().native(), cache.native(), 2});
         Outcome outcome;
@@ -105,7 +82,7 @@ protected:
     }
 
     bool ready(const Library& library, const fs::path& cache) {
-        materialise(libraryRoot(), library);
+        materialiseLibrary(libraryRoot(), library);
         ScopedRuntime runtime({libraryRoot().native(), cache.native(), 2});
         return !StandardLibraryBootstrap::isRequired();
     }
@@ -371,7 +348,7 @@ TEST_F(IncrementalBuildTest, ProgressIsReportedOnTheCallingThreadForReusedUnitsT
         ScopedRuntime runtime({libraryRoot().native(), cacheRoot().native(), 2});
         quor::compiler::withdrawReadinessMarker();
     }
-    materialise(libraryRoot(), library);
+    materialiseLibrary(libraryRoot(), library);
     ScopedRuntime runtime({libraryRoot().native(), cacheRoot().native(), 2});
     const std::thread::id caller = std::this_thread::get_id();
     std::vector<std::size_t> completed;

@@ -2,6 +2,9 @@
 
 #include "tests/services/ServicesTestSupport.h"
 
+#include "compiler/Sha256.h"
+
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstring>
@@ -239,6 +242,27 @@ std::size_t OpenGate::run(std::size_t target, std::chrono::milliseconds quiet,
         }
     }
     return count;
+}
+
+std::string unitText(const std::string& path, const std::string& extra) {
+    const fs::path unit(path);
+    std::string package = unit.parent_path().generic_string();
+    std::replace(package.begin(), package.end(), '/', '.');
+    return (package.empty() ? "" : "package " + package + "\n") + "public struct " +
+           unit.stem().native() + " { }\n" + "public fn make" + unit.stem().native() +
+           "() -> Int { return 1 }\n" + extra;
+}
+
+void materialiseLibrary(const fs::path& root, const Library& library) {
+    fs::remove_all(root);
+    std::string all;
+    for (const auto& [path, text] : library) {
+        writeFile(root / path, text);
+        all += path + '\0' + text + '\0';
+    }
+    writeFile(root / ".quor-stdlib-fingerprint", compiler::Sha256::hex(all) + "\n");
+    fs::permissions(root, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
+                              fs::perms::others_read | fs::perms::others_exec);
 }
 
 } // namespace quor::test

@@ -124,6 +124,18 @@ private:
     std::deque<HeldOpen> received_; // read from the kernel, not yet handed out
 };
 
+// A standard library as unit path -> text, for the tests that build real
+// libraries through the bootstrap and the services.
+using Library = std::map<std::string, std::string>;
+
+// The text of a compilable unit at `path` (its package from its folders, one
+// struct and one function named after it), followed by `extra`.
+std::string unitText(const std::string& path, const std::string& extra = "");
+
+// Replaces the tree at `root` with `library` and a fingerprint of its own,
+// readable by everyone.
+void materialiseLibrary(const fs::path& root, const Library& library);
+
 } // namespace quor::test
 
 #endif

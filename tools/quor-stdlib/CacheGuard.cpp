@@ -58,6 +58,19 @@ CacheAccess guardCache(const CachePaths& paths, CacheUse use) {
     return compiler::verifyCacheRoot(root, layout, use == CacheUse::Build);
 }
 
+LayerInUse openLayerInUse() {
+    LayerInUse layer;
+    layer.layers = compiler::chooseCacheLayer();
+    layer.paths = currentPaths();
+    guardCache(layer.paths, CacheUse::Inspect);
+    layer.identity = currentIdentity();
+    std::error_code error;
+    if (!fs::is_directory(layer.paths.library, error))
+        throw ToolError(kind::io, "Quor standard library '" + layer.paths.library.string() +
+                                      "' was not found");
+    return layer;
+}
+
 void refuseSystemCache(const CachePaths& paths, std::string_view command) {
     if (::geteuid() == 0 || !compiler::isSystemCacheRoot(paths.cacheRoot))
         return;

@@ -11,6 +11,7 @@
 #include "Failure.h"
 #include "LockHolder.h"
 
+#include "compiler/CacheLayers.h"
 #include "compiler/CacheTrust.h"
 
 #include <filesystem>
@@ -34,6 +35,22 @@ enum class CacheUse {
 // access; throws compiler::UntrustedCacheError (with what to fix) or
 // std::runtime_error.
 compiler::CacheAccess guardCache(const CachePaths& paths, CacheUse use);
+
+// The cache layer a subcommand that reads a whole cache (verify, pack) works
+// on: the one the compiler would use, chosen as the compiler chooses it
+// (compiler/CacheLayers.h; `layers.ready` is the bootstrap's own state
+// class's answer for it), with its paths and the identity.
+struct LayerInUse {
+    compiler::CacheLayerChoice layers;
+    CachePaths paths;
+    Identity identity;
+};
+
+// Chooses the layer for the configured runtime, vouches for it with
+// guardCache(CacheUse::Inspect), and checks that the library is there.
+// Throws what guardCache() throws, and ToolError (kind io) "Quor standard
+// library '<path>' was not found".
+LayerInUse openLayerInUse();
 
 // The message for a build that a read-only system-wide cache needs.
 std::string readOnlyCacheNotReady(const CachePaths& paths);

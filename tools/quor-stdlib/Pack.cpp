@@ -14,7 +14,6 @@
 
 #include "compiler/CacheLayers.h"
 #include "compiler/LibraryPack.h"
-#include "compiler/StandardLibraryCacheState.h"
 
 #include "JsonText.h"
 
@@ -81,18 +80,11 @@ int runPack(const Invocation& invocation, Console& console) {
     try {
         configureRuntime(invocation);
         // The layer the compiler would use is the one packed.
-        const compiler::CacheLayerChoice layers = compiler::chooseCacheLayer();
-        const CachePaths paths = currentPaths();
-        guardCache(paths, CacheUse::Inspect);
-        const Identity identity = currentIdentity();
-        const bool ready =
-            compiler::StandardLibraryCacheState(paths.stateDirectory, identity.version,
-                                                identity.abiVersion, identity.fingerprint)
-                .isReady();
-        std::error_code error;
-        if (!fs::is_directory(paths.library, error))
-            throw ToolError(kind::io,
-                            "Quor standard library '" + paths.library.string() + "' was not found");
+        const LayerInUse layer = openLayerInUse();
+        const compiler::CacheLayerChoice& layers = layer.layers;
+        const CachePaths& paths = layer.paths;
+        const Identity& identity = layer.identity;
+        const bool ready = layers.ready;
         if (!ready)
             throw ToolError(kind::notReady, "Quor library cache '" + paths.libraryCache.string() +
                                                 "' is not ready: no valid readiness marker "

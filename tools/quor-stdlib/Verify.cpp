@@ -14,7 +14,6 @@
 #include "compiler/CacheLayout.h"
 #include "compiler/Compiler.h"
 #include "compiler/ObjectCache.h"
-#include "compiler/StandardLibraryCacheState.h"
 
 #include "JsonText.h"
 
@@ -74,18 +73,10 @@ int runVerify(const Invocation& invocation, Console& console) {
     try {
         configureRuntime(invocation);
         // The layer the compiler would use is the one checked.
-        const compiler::CacheLayerChoice layers = compiler::chooseCacheLayer();
-        const CachePaths paths = currentPaths();
-        guardCache(paths, CacheUse::Inspect);
-        const Identity identity = currentIdentity();
-        const bool ready =
-            compiler::StandardLibraryCacheState(paths.stateDirectory, identity.version,
-                                                identity.abiVersion, identity.fingerprint)
-                .isReady();
-        std::error_code error;
-        if (!fs::is_directory(paths.library, error))
-            throw ToolError(kind::io,
-                            "Quor standard library '" + paths.library.string() + "' was not found");
+        const LayerInUse layer = openLayerInUse();
+        const compiler::CacheLayerChoice& layers = layer.layers;
+        const CachePaths& paths = layer.paths;
+        const bool ready = layers.ready;
         const std::vector<std::string> units = compilableUnits(paths.library);
         const compiler::LibraryCacheReport report = compiler::inspectLibraryCache(units);
         const std::vector<Problem> problems = problemsOf(report, paths.libraryCache);
